@@ -1,0 +1,6 @@
+#include "Controller.h"
+
+namespace Merivane {
+Controller::~Controller() = default;
+AlgorithmController::~AlgorithmController() = default;
+}  // namespace Merivane

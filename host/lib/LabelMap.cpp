@@ -1,0 +1,95 @@
+#include "LabelMap.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+
+#include "ImageComponents.h"
+#include "ImageProcessing.h"
+#include "SharedImageSet.h"
+
+namespace Merivane::Seg {
+
+int isCompatibleLabelMap(const SharedImageSet& image, const SharedImageSet& labelMap, bool lenient) {
+  if (!lenient && labelMap.modality() != Data::LABEL) return 1;
+  if (!lenient && labelMap.size() != image.size()) return 5;
+  const int n = std::min(image.size(), labelMap.size());
+  for (int i = 0; i < n; ++i)
+    if (labelMap.img(i)->type() != U8) return 2;
+  for (int i = 0; i < n; ++i)
+    if (labelMap.img(i)->channels() != 1) return 3;
+  for (int i = 0; i < n; ++i)
+    if (!image.img(i)->compatible(*labelMap.img(i), true, false, true)) return 4;
+  if (!lenient)
+    for (int i = 0; i < n; ++i)
+      if (image.img(i)->spacing() != labelMap.img(i)->spacing()) return 6;
+  return 0;
+}
+
+std::unique_ptr<SharedImageSet> createCompatibleLabelMap(const SharedImageSet& image) {
+  auto labelMap = std::make_unique<SharedImageSet>();
+  ensureCompatibleLabelMap(image, *labelMap);
+  return labelMap;
+}
+
+namespace {
+
+std::string today() {
+  std::time_t t = std::time(nullptr);
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[16];
+  std::strftime(buf, sizeof buf, "%Y%m%d", &tm);
+  return buf;
+}
+
+}  // namespace
+
+void ensureCompatibleLabelMap(const SharedImageSet& image, SharedImageSet& labelMap) {
+  // 1. Row order of 2D ultrasound frames.
+  bool imageTopDown = false, labelTopDown = false;
+  image.properties().param("topDown", imageTopDown);
+  labelMap.properties().param("topDown", labelTopDown);
+  const SharedImage* focus = image.get(-1);
+  if (imageTopDown != labelTopDown && image.modality() == Data::ULTRASOUND && focus && focus->descriptor().is2D()) {
+    for (int i = 0; i < labelMap.size(); ++i) {
+      SharedImage* frame = labelMap.get(i);
+      auto flipped = ImageProcessing::computeFlipped(*frame->mem(), 1);
+      if (!flipped) continue;
+      frame->update(*flipped);
+      frame->setDirtyMem();
+    }
+  }
+  labelMap.properties().setParam("topDown", imageTopDown);
+
+  // 2. Frame count.
+  while (labelMap.size() > image.size()) labelMap.remove(labelMap.size() - 1);
+  for (int i = labelMap.size(); i < image.size(); ++i) {
+    const ImageDescriptor& d = image.get(i)->descriptor();
+    ImageDescriptor ld(U8, d.dimensions, 1);
+    ld.spacing = d.spacing;
+    ld.isMetric = d.isMetric;
+    auto frame = std::make_shared<SharedImage>(ld);
+    frame->setMatrix(image.get(i)->matrix());
+    labelMap.add(std::move(frame));
+  }
+
+  // 3, 4. Modality, geometry.
+  labelMap.setModality(Data::LABEL);
+  for (int i = 0; i < labelMap.size(); ++i) {
+    const SharedImage* src = image.get(i);
+    SharedImage* dst = labelMap.get(i);
+    dst->setSpacing(src->descriptor().spacing, src->descriptor().isMetric);
+    dst->setMatrix(src->matrix());
+  }
+
+  // 5. Patient information follows the image.
+  if (auto* info = image.components().get<ImageInfoDataComponent>()) {
+    auto* target = labelMap.components().getOrCreate<ImageInfoDataComponent>();
+    const std::string date = today();
+    *target = *info;
+    target->date = date;
+  }
+}
+
+}  // namespace Merivane::Seg

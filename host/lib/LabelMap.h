@@ -1,0 +1,26 @@
+#pragma once
+// Label-map conventions: a label map is a set of modality LABEL with U8 frames of one
+// channel, matching its image frame by frame in dimensions, spacing and matrix.
+#include <memory>
+
+namespace Merivane {
+class SharedImageSet;
+}
+
+namespace Merivane::Seg {
+
+// 0 when compatible; otherwise the first failing test:
+//   1 not of modality LABEL (strict only)   5 sizes differ (strict only)
+//   2 a frame isn't U8                      3 a frame doesn't have one channel
+//   4 a frame's grid differs from the image's   6 spacing differs (strict only)
+// Frames are compared up to the smaller size.
+int isCompatibleLabelMap(const SharedImageSet& image, const SharedImageSet& labelMap, bool lenient = false);
+
+// A new label map for `image`, zeroed, built by ensureCompatibleLabelMap.
+std::unique_ptr<SharedImageSet> createCompatibleLabelMap(const SharedImageSet& image);
+
+// Brings an existing label map into line with `image`: row order, frame count, modality,
+// spacing, matrix and patient information.
+void ensureCompatibleLabelMap(const SharedImageSet& image, SharedImageSet& labelMap);
+
+}  // namespace Merivane::Seg

@@ -1,0 +1,71 @@
+#pragma once
+// One frame in up to two representations, memory and texture, kept in step lazily through
+// dirty flags, with its descriptor, mask and image-to-world matrix. Image space is centred:
+// pixel v maps to p = (v - (size * 0.5 - 0.5)) * spacing, then through the matrix.
+#include <Eigen/Core>
+#include <memory>
+
+#include "Data.h"
+#include "Flags.h"
+#include "Image.h"
+
+namespace Merivane {
+
+class Mask;
+
+class SharedImage {
+ public:
+  enum class CloneOptions : uint32_t { None = 0, SkipMask = 1 };
+
+  explicit SharedImage(std::shared_ptr<Image> image);
+  explicit SharedImage(const ImageDescriptor& descriptor);
+  ~SharedImage();
+  SharedImage(const SharedImage&) = delete;
+  SharedImage& operator=(const SharedImage&) = delete;
+
+  const ImageDescriptor& descriptor() const;
+  // Whichever copy exists, without transfer.
+  Image* img() const;
+  MemImage* mem() const;
+  std::shared_ptr<MemImage> sharedMem() const;
+  bool hasMem() const { return mem_ && memCurrent_; }
+  bool hasGl() const { return false; }
+
+  void setDirtyMem();
+  void setDirtyGl();
+  void update(const MemImage& image);
+
+  std::unique_ptr<SharedImage> clone(Flags<CloneOptions> options = {}) const;
+
+  const Eigen::Matrix4d& matrix() const { return matrix_; }
+  void setMatrix(const Eigen::Matrix4d& m) { matrix_ = m; }
+  const std::shared_ptr<Mask>& mask() const { return mask_; }
+  void setMask(std::shared_ptr<Mask> mask) { mask_ = std::move(mask); }
+  Data::Modality modality() const { return modality_; }
+  void setModality(Data::Modality m) { modality_ = m; }
+  void setSpacing(const Eigen::Vector3d& spacing);
+  void setSpacing(const Eigen::Vector3d& spacing, bool isMetric);
+  void setShiftScale(double shift, double scale);
+
+  Eigen::Vector3d pixelToWorld(const Eigen::Vector3d& pixel) const;
+  Eigen::Vector3d worldToPixel(const Eigen::Vector3d& world) const;
+  // From centred image space in millimetres to world, and the texture forms for shaders
+  // (texture coordinates run from 0 to 1 over the image).
+  Eigen::Matrix4d imageToWorldMatrix() const { return matrix_; }
+  Eigen::Matrix4d textureToWorldMatrix() const;
+  Eigen::Matrix4d worldToTextureMatrix() const;
+  Eigen::Matrix4d imageToTextureMatrix() const;
+
+  // Bytes held by the memory copy.
+  size_t memoryBytes() const;
+
+ private:
+  std::shared_ptr<MemImage> mem_;
+  bool memCurrent_ = true;
+  bool glCurrent_ = false;
+  Eigen::Matrix4d matrix_ = Eigen::Matrix4d::Identity();
+  std::shared_ptr<Mask> mask_;
+  Data::Modality modality_ = Data::modalityAny;
+};
+
+}  // namespace Merivane

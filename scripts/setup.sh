@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Installs every Debian package the build needs, then configures and builds.
+# Idempotent: re-running only rebuilds what changed.
+#   scripts/setup.sh            release build in build/
+#   scripts/setup.sh asan       ASan/UBSan build in build-asan/
+#   scripts/setup.sh --deps     install packages only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+  build-essential cmake ninja-build ccache pkg-config
+  libeigen3-dev qtbase5-dev libfmt-dev libzstd-dev libpugixml-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  sudo_cmd=""
+  [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo_cmd apt-get update -qq
+  $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+[ "${1:-}" = "--deps" ] && exit 0
+
+preset="${1:-release}"
+case "$preset" in
+  release) dir=build; extra=(-DCMAKE_BUILD_TYPE=Release) ;;
+  asan)    dir=build-asan; extra=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DMERIVANE_SANITIZE=ON) ;;
+  debug)   dir=build-debug; extra=(-DCMAKE_BUILD_TYPE=Debug) ;;
+  *) echo "setup: unknown build '$preset' (release, asan, debug)" >&2; exit 2 ;;
+esac
+
+if [ ! -f "$dir/build.ninja" ]; then
+  cmake -S . -B "$dir" -G Ninja "${extra[@]}"
+fi
+cmake --build "$dir" -j "$(nproc)"
