@@ -2,6 +2,7 @@
 
 #include "MakeCompatibleLabelMapAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
+#include "WatershedSegmentationAlgorithm.h"
 
 namespace Merivane {
 
@@ -10,6 +11,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<MakeCompatibleLabelMapAlgorithm>("MakeCompatibleLabelMap",
                                                      "Segmentation;Make Compatible Label Map");
   registerAlgorithm<MarkAsLabelMapAlgorithm>("MarkAsLabelMap", "Segmentation;Mark as Label Map");
+  registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
 }
 
 }  // namespace Merivane

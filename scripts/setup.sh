@@ -12,6 +12,7 @@ packages=(
   libeigen3-dev qtbase5-dev libfmt-dev libzstd-dev libpugixml-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
+  libviennacl-dev ocl-icd-opencl-dev opencl-headers pocl-opencl-icd
 )
 
 missing=()

@@ -125,7 +125,8 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->isCompatible(DataList{})) << d->id;
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap"}));
+  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
+                                           "Seg.WatershedSegmentation"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {

@@ -1,0 +1,263 @@
+#include "GraphLaplacianAlgorithm.h"
+
+#include <chrono>
+#include <cmath>
+
+#include "GraphLaplacianImage.h"
+#include "LinearSolver.h"
+#include "Log.h"
+#include "Progress.h"
+#include "SharedImageSet.h"
+#include "SystemReduction.h"
+
+namespace Merivane {
+
+namespace {
+
+constexpr const char* kCategory = "Seg.GraphLaplacianAlgorithm";
+
+using Clock = std::chrono::steady_clock;
+double msSince(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
+
+std::unique_ptr<GraphLaplacian> createGraph(int type) {
+  switch (type) {
+    case 0: return std::make_unique<GraphLaplacianImage>();
+    case 2: return std::make_unique<GraphLaplacianImageAttenuation>();
+    default: return nullptr;
+  }
+}
+
+}  // namespace
+
+GraphLaplacianAlgorithm::GraphLaplacianAlgorithm(SharedImage& image, SharedImage& labels, SharedImage* prior)
+    : image_(&image), labels_(&labels), prior_(prior), graph_(std::make_unique<GraphLaplacianImage>()) {
+  previousSolution_ = Eigen::VectorXf(1);
+  previousSolution_[0] = 0.0f;
+}
+
+GraphLaplacianAlgorithm::~GraphLaplacianAlgorithm() = default;
+
+bool GraphLaplacianAlgorithm::createCompatible(const DataList& data, Algorithm** algorithm) {
+  if (data.size() < 2 || data.size() > 3) return false;
+  auto images = data.getImages(Data::kindVolume);
+  if (images.empty()) images = data.getImages(Data::kindImage);
+  if (static_cast<int>(images.size()) != data.size()) return false;
+  for (auto* set : images)
+    if (!set->get(-1)) return false;
+  SharedImage* image = images[0]->get(-1);
+  SharedImage* labels = images[1]->get(-1);
+  if (labels->descriptor().channels != 1 || labels->descriptor().pixelType != U8) return false;
+  SharedImage* prior = nullptr;
+  if (images.size() == 3) {
+    prior = images[2]->get(-1);
+    if (!image->img()->compatible(*prior->img(), true, false, false)) return false;
+  }
+  if (algorithm) *algorithm = new GraphLaplacianAlgorithm(*image, *labels, prior);
+  return true;
+}
+
+void GraphLaplacianAlgorithm::configure(const Properties* properties) {
+  if (!properties) return;
+  Algorithm::configure(properties);
+  const int type = graphType.value();
+  if (type >= 0 && type <= 3) {
+    const bool matches = (type == 0 && typeid(*graph_) == typeid(GraphLaplacianImage)) ||
+                         (type == 2 && typeid(*graph_) == typeid(GraphLaplacianImageAttenuation));
+    if (!matches)
+      if (auto g = createGraph(type)) graph_ = std::move(g);
+  }
+  graph_->configure(properties);
+}
+
+void GraphLaplacianAlgorithm::configuration(Properties* properties) const {
+  if (!properties) return;
+  Algorithm::configuration(properties);
+  graph_->configuration(properties);
+}
+
+void GraphLaplacianAlgorithm::reset() {
+  previousSolution_ = Eigen::VectorXf(1);
+  previousSolution_[0] = 0.0f;
+}
+
+uint64_t GraphLaplacianAlgorithm::memoryEstimation(int level) const {
+  if (!image_ || !labels_) return 0;
+  const auto& d = image_->descriptor();
+  const int dim = d.slices() > 1 ? 3 : (d.height() > 1 ? 2 : 1);
+  const int64_t divisor = static_cast<int64_t>(std::pow(static_cast<double>(std::max(level, 1)), dim));
+  const auto& l = labels_->descriptor();
+  int64_t n = static_cast<int64_t>(l.elementCount()) / divisor;
+  int64_t extra = 0;
+  const int type = graphType.value();
+  if (type == 1 || type == 3) {
+    extra = n * 8;
+    int superpixels = 0;
+    if (auto* p = graph_->parameter("Superpixels Number")) {
+      Properties tmp;
+      p->configuration(&tmp);
+      tmp.param("Superpixels Number", superpixels);
+    }
+    n = superpixels;
+  }
+  const int64_t k = dim < 3 ? 5 : 7;
+  int64_t estimate = n * 48 + extra + (k * n + n) * 12;
+  if (solverId.value() == 4) estimate += n * (dim < 3 ? 10 : 12) * 8;
+  return static_cast<uint64_t>(static_cast<float>(estimate) * 1.3f);
+}
+
+bool GraphLaplacianAlgorithm::checkLabels(SharedImage* labels) const {
+  if (!labels || !labels->mem()) return false;
+  const MemImage& m = *labels->mem();
+  const size_t n = m.descriptor().elementCount();
+  if (n == 0) return false;
+  const unsigned short object = graph_->activeLabel.value();
+  const unsigned short background = static_cast<unsigned short>(object + 1);
+  bool hasObject = false, hasBackground = false;
+  const double scale = m.scale(), shift = m.shift();
+  dispatchPixelType(m.type(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* p = static_cast<const T*>(m.data());
+    for (size_t i = 0; i < n && !(hasObject && hasBackground); ++i) {
+      const unsigned char v = static_cast<unsigned char>(static_cast<int>(p[i] / scale - shift + 0.5));
+      hasObject |= v == object;
+      hasBackground |= v == background;
+    }
+  });
+  return hasObject && hasBackground;
+}
+
+std::unique_ptr<LinearSolver> GraphLaplacianAlgorithm::createSolver(int id) const {
+  const int it = solverIterations.value();
+  const float tol = std::pow(10.0f, static_cast<float>(solverToleranceLog.value()));
+  switch (id) {
+    case 0: return std::make_unique<LLTFloatSolver>();
+    case 1: return std::make_unique<LLTEigenSolver>();
+    case 2: return std::make_unique<CGSolver>(it, tol);
+    case 3: return std::make_unique<BiCGStabSolver>(it, tol);
+    case 4: return std::make_unique<BiCGStabEigenSolver>(true, it, tol);
+    case 5: return std::make_unique<BiCGStabEigenSolver>(false, it, tol);
+    case 6: return std::make_unique<BiCGStabViennaCPUSolver>(it, tol);
+    case 7: return std::make_unique<BiCGStabViennaGPUSolver>(it, tol);
+    default: return nullptr;
+  }
+}
+
+Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
+  const auto start = Clock::now();
+  const GraphLaplacian& g = *graph_;
+  const Eigen::Index nU = static_cast<Eigen::Index>(g.unknownIndices().size());
+  if (verbose) LOG_INFO(kCategory, g.seedIndices().size() << " labelled pixels / " << nU << " unknowns");
+
+  ReducedSystem system = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
+  SparseMatrixF& A = system.A;
+  Eigen::VectorXf& b = system.b;
+
+  if (prior) {
+    const float gamma = priorWeight.value() / 10000.0f;
+    Eigen::VectorXf p = g.generateVectorFromImage(*prior);
+    float pmax = 0.0f;
+    for (Eigen::Index k = 0; k < p.size(); ++k) pmax = std::max(pmax, p[k]);
+    addToDiagonal(A, gamma);
+    const float factor = gamma * (1.0f / pmax);
+    for (Eigen::Index k = 0; k < nU; ++k) b[k] += p[k] * factor;
+  }
+  if (verbose)
+    LOG_INFO(kCategory, "[GraphSegmentation] 2) Assembly of the linear system: " << msSince(start) << " ms");
+
+  Eigen::VectorXf x = b;
+  std::unique_ptr<LinearSolver> solver = createSolver(solverId.value());
+  if (!solver) {
+    LOG_ERROR(kCategory, "Incorrect solver ID");
+    return previousSolution_;
+  }
+  solver->verbose = verbose.value();
+
+  Eigen::VectorXf guess;
+  const Eigen::Index prevSize = previousSolution_.size();
+  if (!reuseSolution.value() || prevSize == 1) {
+    guess = b;
+  } else {
+    if (verbose) LOG_INFO(kCategory, "Re-using previous solution (" << prevSize << " / " << nU << ")");
+    if (prevSize == nU) {
+      guess = previousSolution_;
+    } else if (prevSize > nU) {
+      guess = previousSolution_.head(nU);
+    } else {
+      guess = b;
+      guess.head(prevSize) = previousSolution_;
+    }
+  }
+
+  solver->solve(A, b, x, guess);
+  lastIterations_ = solver->lastIterations();
+  lastResidual_ = nU > 0 ? static_cast<double>((A * x - b).norm()) : 0.0;
+  if (verbose) {
+    LOG_INFO(kCategory, "[GraphSegmentation] 3) Resolution of the system: " << msSince(start) << " ms");
+    LOG_INFO(kCategory, "Residual : " << lastResidual_);
+  }
+  return x;
+}
+
+void GraphLaplacianAlgorithm::compute() {
+  const auto total = Clock::now();
+  result_.reset();
+  if (!image_ || !labels_ || !labels_->mem()) {
+    LOG_ERROR(kCategory, "Input for the graph segmentation is missing");
+    setStatus(statusIncompleteInput);
+    return;
+  }
+  // The result has the labels' size and geometry; its content is overwritten by the solve.
+  ImageDescriptor d = labels_->descriptor();
+  d.pixelType = F32;
+  d.channels = 1;
+  d.shift = 0.0;
+  d.scale = 1.0;
+  auto result = std::make_unique<SharedImage>(d);
+  result->setMatrix(labels_->matrix());
+
+  if (verbose)
+    LOG_INFO(kCategory, "[GraphSegmentation] Memory estimation : " << memoryEstimation(minLevel.value()) / 1000
+                                                                  << " KB");
+  Progress::Task task(progress_, 1, "Computing Segmentation...");
+  bool solved = false;
+  if (checkLabels(labels_)) {
+    task.incrementStep();
+    auto t = Clock::now();
+    graph_->generateGraph(*image_, *labels_);
+    if (verbose) LOG_INFO(kCategory, "[GraphSegmentation] 1) Generation of the graph: " << msSince(t) << " ms");
+    Eigen::VectorXf solution = solveLaplace(prior_);
+    graph_->generateImageFromVector(solution, *result);
+    previousSolution_ = std::move(solution);
+    solved = true;
+  } else if (verbose) {
+    LOG_INFO(kCategory, "Not enough seeds at this level - Skipping");
+  }
+  if (!solved) {
+    LOG_ERROR(kCategory, "The minimum level is too high - no seeds were available");
+    setStatus(statusInvalidInput);
+    return;
+  }
+  result_ = std::move(result);
+  if (verbose)
+    LOG_INFO(kCategory, "Segmentation computed in " << msSince(total) / 1000.0 << "s");
+  setStatus(statusSuccess);
+}
+
+OwningDataList GraphLaplacianAlgorithm::takeOutput() {
+  OwningDataList out;
+  if (result_) {
+    auto set = std::make_unique<SharedImageSet>(std::shared_ptr<SharedImage>(std::move(result_)));
+    set->properties().setParam("name", "Probability");
+    set->setName("Probability");
+    out.add(std::move(set));
+  }
+  if (outputLabels_) {
+    auto set = std::make_unique<SharedImageSet>(std::shared_ptr<SharedImage>(std::move(outputLabels_)));
+    set->properties().setParam("name", "Output Labels");
+    set->setName("Output Labels");
+    out.add(std::move(set));
+  }
+  return out;
+}
+
+}  // namespace Merivane

@@ -1,0 +1,73 @@
+#pragma once
+// Random-walk segmentation of an image from a seed image: owns the graph and the linear
+// system, solves level by level from coarse to fine, and gives a float probability image
+// with the geometry of the labels.
+#include <Eigen/Core>
+#include <memory>
+
+#include "Algorithm.h"
+#include "Parameter.h"
+
+namespace Merivane {
+
+class GraphLaplacian;
+class LinearSolver;
+class SharedImage;
+
+class GraphLaplacianAlgorithm : public Algorithm {
+ public:
+  GraphLaplacianAlgorithm(SharedImage& image, SharedImage& labels, SharedImage* prior = nullptr);
+  ~GraphLaplacianAlgorithm() override;
+
+  static bool createCompatible(const DataList& data, Algorithm** algorithm = nullptr);
+
+  void configure(const Properties* properties) override;
+  void configuration(Properties* properties) const override;
+  void compute() override;
+  OwningDataList takeOutput() override;
+
+  // Assembles the system over the unknowns of the current graph and solves it; the result is
+  // indexed like the graph's unknowns. With an invalid solver id, the previous solution.
+  Eigen::VectorXf solveLaplace(SharedImage* prior);
+
+  void updateLabels(SharedImage& labels) { labels_ = &labels; }
+  // Forgets the warm-start vector.
+  void reset();
+  // Bytes that a solve at the given pyramid level (counted from 1) is expected to hold.
+  uint64_t memoryEstimation(int level) const;
+  // Whether a label image holds both the object and the background seed label.
+  bool checkLabels(SharedImage* labels) const;
+
+  GraphLaplacian& graph() { return *graph_; }
+  const Eigen::VectorXf& previousSolution() const { return previousSolution_; }
+  void setPreviousSolution(Eigen::VectorXf v) { previousSolution_ = std::move(v); }
+  // Creates the solver of a table id, null for an unknown id.
+  std::unique_ptr<LinearSolver> createSolver(int id) const;
+  // What the last solveLaplace did.
+  int lastIterations() const { return lastIterations_; }
+  double lastResidual() const { return lastResidual_; }
+
+  Parameter<bool> verbose{"Verbose", true, this};
+  Parameter<unsigned short> graphType{"Graph Type", 0, this};
+  Parameter<float> priorWeight{"Prior Weight", 1.0f, this};
+  Parameter<unsigned short> solverId{"Solver ID", 4, this};
+  Parameter<int> solverIterations{"Solver Iterations", 200, this};
+  Parameter<int> solverToleranceLog{"Solver Tolerance (Log)", -8, this};  // tolerance is 10 to this
+  Parameter<bool> reuseSolution{"Re-Use Solution", false, this};
+  Parameter<bool> propagateUp{"Propagate Up", true, this};
+  Parameter<int> minLevel{"Min Level", 1, this};  // finest level computed, counted from 1
+  Parameter<int> numLevels{"Num Levels", 1, this};
+
+ private:
+  SharedImage* image_;
+  SharedImage* labels_;
+  SharedImage* prior_;
+  std::unique_ptr<SharedImage> result_;
+  std::unique_ptr<SharedImage> outputLabels_;
+  std::unique_ptr<GraphLaplacian> graph_;
+  Eigen::VectorXf previousSolution_;
+  int lastIterations_ = 0;
+  double lastResidual_ = 0.0;
+};
+
+}  // namespace Merivane

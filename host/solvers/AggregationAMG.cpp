@@ -1,0 +1,320 @@
+#include "AggregationAMG.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Merivane {
+
+namespace {
+
+constexpr int kCoarsestSize = 400;
+constexpr double kStrength = 0.25;  // a neighbour is strong at a quarter of the row's largest
+constexpr double kJacobiWeight = 2.0 / 3.0;
+constexpr int kMaxLevels = 25;
+
+// A CSR matrix, owned or borrowed.
+template <typename Scalar>
+struct Csr {
+  int n = 0;
+  const int* outer = nullptr;
+  const int* inner = nullptr;
+  const Scalar* values = nullptr;
+  std::vector<int> outerStore, innerStore;
+  std::vector<Scalar> valueStore;
+
+  void adopt() {
+    outer = outerStore.data();
+    inner = innerStore.data();
+    values = valueStore.data();
+  }
+  size_t bytes() const {
+    return outerStore.size() * sizeof(int) + innerStore.size() * sizeof(int) + valueStore.size() * sizeof(Scalar);
+  }
+};
+
+// Greedy pairing with the strongest unpaired neighbour, in node order, so the result is fixed.
+// A node left alone because its neighbours are all taken joins the aggregate of its strongest
+// neighbour, which keeps the coarsening rate near two even where every weight is tiny.
+template <typename Scalar>
+int pairNodes(const Csr<Scalar>& A, std::vector<int>& agg) {
+  agg.assign(static_cast<size_t>(A.n), -1);
+  std::vector<char> single(static_cast<size_t>(A.n), 0);
+  int nc = 0;
+  for (int i = 0; i < A.n; ++i) {
+    if (agg[static_cast<size_t>(i)] >= 0) continue;
+    Scalar maxStrength = 0, best = 0;
+    int partner = -1;
+    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+      const int j = A.inner[k];
+      if (j == i) continue;
+      const Scalar s = -A.values[k];
+      maxStrength = std::max(maxStrength, s);
+      if (agg[static_cast<size_t>(j)] < 0 && s > best) {
+        best = s;
+        partner = j;
+      }
+    }
+    agg[static_cast<size_t>(i)] = nc;
+    if (partner >= 0 && best >= static_cast<Scalar>(kStrength) * maxStrength)
+      agg[static_cast<size_t>(partner)] = nc;
+    else
+      single[static_cast<size_t>(i)] = 1;
+    ++nc;
+  }
+  // Attach singles, then number the aggregates that remain densely.
+  std::vector<int> alive(static_cast<size_t>(nc), 1);
+  for (int i = 0; i < A.n; ++i) {
+    if (!single[static_cast<size_t>(i)]) continue;
+    Scalar maxStrength = 0;
+    int target = -1;
+    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+      const int j = A.inner[k];
+      if (j == i || single[static_cast<size_t>(j)]) continue;
+      if (-A.values[k] > maxStrength) {
+        maxStrength = -A.values[k];
+        target = j;
+      }
+    }
+    if (target >= 0) {
+      alive[static_cast<size_t>(agg[static_cast<size_t>(i)])] = 0;
+      agg[static_cast<size_t>(i)] = agg[static_cast<size_t>(target)];
+    }
+  }
+  std::vector<int> number(static_cast<size_t>(nc));
+  int m = 0;
+  for (int c = 0; c < nc; ++c) number[static_cast<size_t>(c)] = alive[static_cast<size_t>(c)] ? m++ : -1;
+  for (auto& a : agg) a = number[static_cast<size_t>(a)];
+  return m;
+}
+
+// Galerkin product with piecewise-constant interpolation: Ac(I, J) = sum of A(i, j) over the
+// members i of I and j of J. Each coarse row is merged from its members' rows in a fixed order.
+template <typename Scalar>
+Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
+  // Members of each aggregate, in node order.
+  std::vector<int> start(static_cast<size_t>(nc) + 1, 0), members(static_cast<size_t>(A.n));
+  for (int i = 0; i < A.n; ++i) ++start[static_cast<size_t>(agg[static_cast<size_t>(i)]) + 1];
+  for (size_t I = 1; I < start.size(); ++I) start[I] += start[I - 1];
+  {
+    std::vector<int> fill(start.begin(), start.end() - 1);
+    for (int i = 0; i < A.n; ++i) members[static_cast<size_t>(fill[static_cast<size_t>(agg[static_cast<size_t>(i)])]++)] = i;
+  }
+  // Accumulates through a per-thread position table, then orders the row's few columns.
+  struct Scratch {
+    std::vector<int> pos;
+    std::vector<std::pair<int, Scalar>> buf;
+  };
+  auto mergeRow = [&](int I, Scratch& sc) {
+    auto& buf = sc.buf;
+    buf.clear();
+    for (int m = start[static_cast<size_t>(I)]; m < start[static_cast<size_t>(I) + 1]; ++m) {
+      const int i = members[static_cast<size_t>(m)];
+      for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+        const int J = agg[static_cast<size_t>(A.inner[k])];
+        int& p = sc.pos[static_cast<size_t>(J)];
+        if (p < 0) {
+          p = static_cast<int>(buf.size());
+          buf.emplace_back(J, A.values[k]);
+        } else {
+          buf[static_cast<size_t>(p)].second += A.values[k];
+        }
+      }
+    }
+    for (auto& e : buf) sc.pos[static_cast<size_t>(e.first)] = -1;
+    std::sort(buf.begin(), buf.end(), [](auto& a, auto& b) { return a.first < b.first; });
+  };
+
+  Csr<Scalar> C;
+  C.n = nc;
+  C.outerStore.assign(static_cast<size_t>(nc) + 1, 0);
+#pragma omp parallel
+  {
+    Scratch sc;
+    sc.pos.assign(static_cast<size_t>(nc), -1);
+#pragma omp for schedule(static)
+    for (int I = 0; I < nc; ++I) {
+      mergeRow(I, sc);
+      C.outerStore[static_cast<size_t>(I) + 1] = static_cast<int>(sc.buf.size());
+    }
+  }
+  for (size_t I = 1; I < C.outerStore.size(); ++I) C.outerStore[I] += C.outerStore[I - 1];
+  C.innerStore.resize(static_cast<size_t>(C.outerStore.back()));
+  C.valueStore.resize(static_cast<size_t>(C.outerStore.back()));
+#pragma omp parallel
+  {
+    Scratch sc;
+    sc.pos.assign(static_cast<size_t>(nc), -1);
+#pragma omp for schedule(static)
+    for (int I = 0; I < nc; ++I) {
+      mergeRow(I, sc);
+      int k = C.outerStore[static_cast<size_t>(I)];
+      for (auto& [J, v] : sc.buf) {
+        C.innerStore[static_cast<size_t>(k)] = J;
+        C.valueStore[static_cast<size_t>(k)] = v;
+        ++k;
+      }
+    }
+  }
+  C.adopt();
+  return C;
+}
+
+}  // namespace
+
+template <typename Scalar>
+struct AggregationAMG<Scalar>::Level {
+  Csr<Scalar> A;
+  std::vector<Scalar> invDiag;
+  std::vector<int> agg;  // node -> aggregate of the next level
+  std::vector<int> aggStart, aggMembers;
+  mutable std::vector<Scalar> r, bc, xc;  // work vectors
+};
+
+template <typename Scalar>
+AggregationAMG<Scalar>::AggregationAMG() = default;
+template <typename Scalar>
+AggregationAMG<Scalar>::~AggregationAMG() = default;
+template <typename Scalar>
+AggregationAMG<Scalar>::AggregationAMG(AggregationAMG&&) noexcept = default;
+template <typename Scalar>
+AggregationAMG<Scalar>& AggregationAMG<Scalar>::operator=(AggregationAMG&&) noexcept = default;
+
+template <typename Scalar>
+void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, const Scalar* values) {
+  levels_.clear();
+  auto first = std::make_unique<Level>();
+  first->A.n = n;
+  first->A.outer = outer;
+  first->A.inner = inner;
+  first->A.values = values;
+  levels_.push_back(std::move(first));
+
+  while (true) {
+    Level& L = *levels_.back();
+    const int ln = L.A.n;
+    L.invDiag.assign(static_cast<size_t>(ln), Scalar(1));
+#pragma omp parallel for schedule(static) if (ln > 65536)
+    for (int i = 0; i < ln; ++i)
+      for (int k = L.A.outer[i]; k < L.A.outer[i + 1]; ++k)
+        if (L.A.inner[k] == i && L.A.values[k] != Scalar(0)) L.invDiag[static_cast<size_t>(i)] = Scalar(1) / L.A.values[k];
+    L.r.resize(static_cast<size_t>(ln));
+    if (ln <= kCoarsestSize || static_cast<int>(levels_.size()) >= kMaxLevels) break;
+
+    // Two rounds of pairing give aggregates of up to four nodes.
+    std::vector<int> agg1, agg2;
+    const int n1 = pairNodes(L.A, agg1);
+    Csr<Scalar> A1 = coarsen(L.A, agg1, n1);
+    const int n2 = pairNodes(A1, agg2);
+    if (n2 > ln * 0.85) break;  // coarsening stalled: solve here
+    Csr<Scalar> A2 = coarsen(A1, agg2, n2);
+    L.agg.resize(static_cast<size_t>(ln));
+    for (int i = 0; i < ln; ++i) L.agg[static_cast<size_t>(i)] = agg2[static_cast<size_t>(agg1[static_cast<size_t>(i)])];
+    L.aggStart.assign(static_cast<size_t>(n2) + 1, 0);
+    L.aggMembers.resize(static_cast<size_t>(ln));
+    for (int i = 0; i < ln; ++i) ++L.aggStart[static_cast<size_t>(L.agg[static_cast<size_t>(i)]) + 1];
+    for (size_t I = 1; I < L.aggStart.size(); ++I) L.aggStart[I] += L.aggStart[I - 1];
+    {
+      std::vector<int> fill(L.aggStart.begin(), L.aggStart.end() - 1);
+      for (int i = 0; i < ln; ++i)
+        L.aggMembers[static_cast<size_t>(fill[static_cast<size_t>(L.agg[static_cast<size_t>(i)])]++)] = i;
+    }
+    L.bc.resize(static_cast<size_t>(n2));
+    L.xc.resize(static_cast<size_t>(n2));
+    auto next = std::make_unique<Level>();
+    next->A = std::move(A2);
+    next->A.adopt();
+    levels_.push_back(std::move(next));
+  }
+
+  // Dense Cholesky of the coarsest level, in double precision.
+  const Level& C = *levels_.back();
+  Eigen::MatrixXd dense = Eigen::MatrixXd::Zero(C.A.n, C.A.n);
+  for (int i = 0; i < C.A.n; ++i)
+    for (int k = C.A.outer[i]; k < C.A.outer[i + 1]; ++k) dense(i, C.A.inner[k]) = static_cast<double>(C.A.values[k]);
+  coarsest_.compute(dense);
+}
+
+template <typename Scalar>
+void AggregationAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
+  const Level& L = *levels_[l];
+  const int n = L.A.n;
+  if (l + 1 == levels_.size()) {
+    Eigen::VectorXd rhs(n);
+    for (int i = 0; i < n; ++i) rhs[i] = static_cast<double>(b[i]);
+    Eigen::VectorXd sol = coarsest_.solve(rhs);
+    for (int i = 0; i < n; ++i) x[i] = static_cast<Scalar>(sol[i]);
+    return;
+  }
+  const Scalar w = static_cast<Scalar>(kJacobiWeight);
+  const int* outer = L.A.outer;
+  const int* inner = L.A.inner;
+  const Scalar* val = L.A.values;
+  const Scalar* D = L.invDiag.data();
+  Scalar* r = L.r.data();
+  const bool par = n > 16384;
+  // Pre-smoothing from zero, then the residual.
+#pragma omp parallel for schedule(static) if (par)
+  for (int i = 0; i < n; ++i) x[i] = w * D[i] * b[i];
+#pragma omp parallel for schedule(static) if (par)
+  for (int i = 0; i < n; ++i) {
+    Scalar s = b[i];
+    for (int k = outer[i]; k < outer[i + 1]; ++k) s -= val[k] * x[inner[k]];
+    r[i] = s;
+  }
+  // Restrict, solve the coarse problem, interpolate.
+  const int nc = static_cast<int>(L.bc.size());
+  Scalar* bc = L.bc.data();
+  Scalar* xc = L.xc.data();
+#pragma omp parallel for schedule(static) if (nc > 16384)
+  for (int I = 0; I < nc; ++I) {
+    Scalar s = 0;
+    for (int m = L.aggStart[static_cast<size_t>(I)]; m < L.aggStart[static_cast<size_t>(I) + 1]; ++m)
+      s += r[L.aggMembers[static_cast<size_t>(m)]];
+    bc[I] = s;
+  }
+  cycle(l + 1, bc, xc);
+  const int* agg = L.agg.data();
+#pragma omp parallel for schedule(static) if (par)
+  for (int i = 0; i < n; ++i) x[i] += xc[agg[i]];
+  // Post-smoothing: x += w D^-1 (b - A x), through r to keep x's old values for the product.
+#pragma omp parallel for schedule(static) if (par)
+  for (int i = 0; i < n; ++i) {
+    Scalar s = b[i];
+    for (int k = outer[i]; k < outer[i + 1]; ++k) s -= val[k] * x[inner[k]];
+    r[i] = s;
+  }
+#pragma omp parallel for schedule(static) if (par)
+  for (int i = 0; i < n; ++i) x[i] += w * D[i] * r[i];
+}
+
+template <typename Scalar>
+void AggregationAMG<Scalar>::apply(const Scalar* b, Scalar* x) const {
+  if (levels_.empty()) return;
+  cycle(0, b, x);
+}
+
+template <typename Scalar>
+int AggregationAMG<Scalar>::levels() const {
+  return static_cast<int>(levels_.size());
+}
+
+template <typename Scalar>
+std::vector<int> AggregationAMG<Scalar>::levelSizes() const {
+  std::vector<int> s;
+  for (auto& l : levels_) s.push_back(l->A.n);
+  return s;
+}
+
+template <typename Scalar>
+size_t AggregationAMG<Scalar>::memoryBytes() const {
+  size_t b = 0;
+  for (auto& l : levels_)
+    b += l->A.bytes() + (l->invDiag.size() + l->r.size() + l->bc.size() + l->xc.size()) * sizeof(Scalar) +
+         (l->agg.size() + l->aggStart.size() + l->aggMembers.size()) * sizeof(int);
+  return b + static_cast<size_t>(coarsest_.matrixLLT().size()) * sizeof(double);
+}
+
+template class AggregationAMG<float>;
+template class AggregationAMG<double>;
+
+}  // namespace Merivane

@@ -1,0 +1,118 @@
+#include <Eigen/IterativeLinearSolvers>
+#include <Eigen/SparseCholesky>
+
+#include "AggregationAMG.h"
+#include "LinearSolver.h"
+#include "Log.h"
+
+namespace Merivane {
+
+namespace {
+
+constexpr const char* kCategory = "Solver";
+
+// A symmetric column-major matrix has the same arrays as its row-major form; Eigen's sparse
+// times dense product runs multithreaded only on row-major storage, so we view it that way.
+using RowMap = Eigen::Map<const Eigen::SparseMatrix<float, Eigen::RowMajor, int>>;
+
+RowMap rowMajorView(const SparseMatrixF& A) {
+  return RowMap(A.rows(), A.cols(), A.nonZeros(), A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
+}
+
+template <typename Solver, typename Vector>
+void reportIterative(const Solver& s, bool verbose, const char* name, int& iterations, double& error) {
+  iterations = static_cast<int>(s.iterations());
+  error = static_cast<double>(s.error());
+  if (verbose) LOG_INFO(kCategory, name << ": " << iterations << " iterations, estimated error " << error);
+}
+
+}  // namespace
+
+LinearSolver::~LinearSolver() = default;
+
+void LLTFloatSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
+                           const Eigen::VectorXf&) {
+  lastIterations_ = 0;
+  if (A.rows() == 0) {
+    x.resize(0);
+    return;
+  }
+  Eigen::SimplicialLLT<SparseMatrixF, Eigen::Lower, Eigen::AMDOrdering<int>> llt(A);
+  if (llt.info() != Eigen::Success) {
+    LOG_ERROR(kCategory, "LLT-Float: the matrix is not positive definite");
+    lastError_ = 1.0;
+    return;
+  }
+  x = llt.solve(b);
+  lastError_ = 0.0;
+  lastWorkspaceBytes_ = static_cast<size_t>(llt.matrixL().nestedExpression().nonZeros()) * (sizeof(float) + sizeof(int));
+}
+
+void LLTEigenSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
+                           const Eigen::VectorXf&) {
+  lastIterations_ = 0;
+  if (A.rows() == 0) {
+    x.resize(0);
+    return;
+  }
+  Eigen::SparseMatrix<double> Ad = A.cast<double>();
+  Eigen::SimplicialLLT<Eigen::SparseMatrix<double>, Eigen::Lower, Eigen::AMDOrdering<int>> llt(Ad);
+  if (llt.info() != Eigen::Success) {
+    LOG_ERROR(kCategory, "LLT: the matrix is not positive definite");
+    lastError_ = 1.0;
+    return;
+  }
+  x = llt.solve(b.cast<double>()).cast<float>();
+  lastError_ = 0.0;
+  lastWorkspaceBytes_ =
+      static_cast<size_t>(llt.matrixL().nestedExpression().nonZeros()) * (sizeof(double) + sizeof(int)) +
+      static_cast<size_t>(Ad.nonZeros()) * (sizeof(double) + sizeof(int));
+}
+
+void CGSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
+                     const Eigen::VectorXf& guess) {
+  using Matrix = Eigen::SparseMatrix<float, Eigen::RowMajor, int>;
+  if (A.rows() == 0) {
+    x.resize(0);
+    return;
+  }
+  // Preconditioned by aggregation multigrid: random-walk systems have weights over five orders
+  // of magnitude, where a diagonal preconditioner needs thousands of iterations.
+  Eigen::ConjugateGradient<Matrix, Eigen::Lower | Eigen::Upper, AggregationAMG<float>> cg;
+  cg.setMaxIterations(iterations_);
+  cg.setTolerance(tolerance_);
+  RowMap view = rowMajorView(A);
+  cg.compute(view);
+  x = cg.solveWithGuess(b, guess.size() == b.size() ? guess : b);
+  reportIterative<decltype(cg), Eigen::VectorXf>(cg, verbose, "CG", lastIterations_, lastError_);
+  lastWorkspaceBytes_ = static_cast<size_t>(b.size()) * sizeof(float) * 5 + cg.preconditioner().memoryBytes();
+}
+
+void BiCGStabEigenSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
+                                const Eigen::VectorXf& guess) {
+  const Eigen::VectorXf& start = guess.size() == b.size() ? guess : b;
+  if (double_) {
+    using Matrix = Eigen::SparseMatrix<double, Eigen::RowMajor, int>;
+    Matrix Ad = rowMajorView(A).cast<double>();
+    Eigen::BiCGSTAB<Matrix, Eigen::DiagonalPreconditioner<double>> solver;
+    solver.setMaxIterations(iterations_);
+    solver.setTolerance(tolerance_);
+    solver.compute(Ad);
+    x = solver.solveWithGuess(b.cast<double>(), start.cast<double>()).cast<float>();
+    reportIterative<decltype(solver), Eigen::VectorXd>(solver, verbose, "BiCGSTAB", lastIterations_, lastError_);
+    lastWorkspaceBytes_ = static_cast<size_t>(Ad.nonZeros()) * (sizeof(double) + sizeof(int)) +
+                          static_cast<size_t>(b.size()) * sizeof(double) * 10;
+  } else {
+    using Matrix = Eigen::SparseMatrix<float, Eigen::RowMajor, int>;
+    RowMap view = rowMajorView(A);
+    Eigen::BiCGSTAB<Matrix, Eigen::DiagonalPreconditioner<float>> solver;
+    solver.setMaxIterations(iterations_);
+    solver.setTolerance(tolerance_);
+    solver.compute(view);
+    x = solver.solveWithGuess(b, start);
+    reportIterative<decltype(solver), Eigen::VectorXf>(solver, verbose, "BiCGSTAB-Float", lastIterations_, lastError_);
+    lastWorkspaceBytes_ = static_cast<size_t>(b.size()) * sizeof(float) * 10;
+  }
+}
+
+}  // namespace Merivane

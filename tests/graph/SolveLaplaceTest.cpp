@@ -1,0 +1,235 @@
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <cmath>
+#include <random>
+
+#include "GraphLaplacianAlgorithm.h"
+#include "GraphLaplacianImage.h"
+#include "LinearSolver.h"
+#include "Log.h"
+#include "SharedImageSet.h"
+#include "SystemReduction.h"
+#include "TestSupport.h"
+
+using namespace Merivane;
+
+namespace {
+
+template <typename F>
+std::shared_ptr<SharedImage> floatFrame(const Eigen::Vector3i& dims, F f) {
+  auto img = TypedImage<float>::zeros(dims, 1);
+  for (int z = 0; z < dims[2]; ++z)
+    for (int y = 0; y < dims[1]; ++y)
+      for (int x = 0; x < dims[0]; ++x) img->setValue(static_cast<float>(f(x, y, z)), x, y, z);
+  return std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(img)));
+}
+
+template <typename F>
+std::shared_ptr<SharedImage> labelFrame(const Eigen::Vector3i& dims, F f) {
+  auto img = TypedImage<unsigned char>::zeros(dims, 1);
+  for (int z = 0; z < dims[2]; ++z)
+    for (int y = 0; y < dims[1]; ++y)
+      for (int x = 0; x < dims[0]; ++x) img->setValue(static_cast<unsigned char>(f(x, y, z)), x, y, z);
+  return std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(img)));
+}
+
+// A quiet algorithm with a tight tolerance and enough iterations to converge on small graphs.
+std::unique_ptr<GraphLaplacianAlgorithm> makeAlgorithm(SharedImage& img, SharedImage& lab, int solver,
+                                                       int iterations = 2000, int tolLog = -7) {
+  auto a = std::make_unique<GraphLaplacianAlgorithm>(img, lab);
+  Properties p;
+  p.setParam("Verbose", false);
+  p.setParam("Solver ID", solver);
+  p.setParam("Solver Iterations", iterations);
+  p.setParam("Solver Tolerance (Log)", tolLog);
+  a->configure(&p);
+  return a;
+}
+
+Eigen::VectorXf denseSolve(const GraphLaplacian& g) {
+  auto sys = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
+  Eigen::MatrixXd A = Eigen::MatrixXf(sys.A).cast<double>();
+  return A.ldlt().solve(sys.b.cast<double>()).cast<float>();
+}
+
+}  // namespace
+
+class EverySolver : public ::testing::TestWithParam<int> {};
+
+TEST_P(EverySolver, OppositeSeedsOnConstantChainGiveLinearRamp) {
+  const int n = 11;
+  auto img = floatFrame({n, 1, 1}, [](int, int, int) { return 3.0; });
+  auto lab = labelFrame({n, 1, 1}, [&](int x, int, int) { return x == 0 ? 1 : (x == n - 1 ? 2 : 0); });
+  TestKit::LogCapture log;
+  auto a = makeAlgorithm(*img, *lab, GetParam());
+  a->graph().generateGraph(*img, *lab);
+  Eigen::VectorXf x = a->solveLaplace(nullptr);
+  ASSERT_EQ(x.size(), n - 2);
+  for (int k = 0; k < n - 2; ++k) EXPECT_NEAR(x[k], 1.0 - (k + 1) / double(n - 1), 1e-4) << k;
+  EXPECT_EQ(log.count(Log::Error), 0);
+}
+
+// Small random graphs in 2D and 3D against a dense double-precision solve of the same system.
+TEST_P(EverySolver, AgreesWithDenseSolveOnRandomGraphs) {
+  for (int slices : {1, 5}) {
+    std::mt19937 rng(100 + slices);
+    std::uniform_real_distribution<float> u(0.0f, 1.0f);
+    const Eigen::Vector3i dims(9, 7, slices);
+    auto img = floatFrame(dims, [&](int, int, int) { return u(rng); });
+    auto lab = labelFrame(dims, [&](int, int, int) {
+      const float r = u(rng);
+      return r < 0.08f ? 1 : (r < 0.16f ? 2 : 0);
+    });
+    auto a = makeAlgorithm(*img, *lab, GetParam());
+    a->graph().adaptiveness = 5.0;  // keeps the system well conditioned for float solvers
+    a->graph().generateGraph(*img, *lab);
+    Eigen::VectorXf x = a->solveLaplace(nullptr);
+    Eigen::VectorXf ref = denseSolve(a->graph());
+    ASSERT_EQ(x.size(), ref.size());
+    EXPECT_LT((x - ref).cwiseAbs().maxCoeff(), 2e-4f) << "slices " << slices;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Ids, EverySolver, ::testing::Range(0, 8));
+
+TEST(SolveLaplace, NoUnknownsGivesEmptySystemAndSeedsFillTheOutput) {
+  auto img = floatFrame({2, 1, 1}, [](int x, int, int) { return x; });
+  auto lab = labelFrame({2, 1, 1}, [](int x, int, int) { return x == 0 ? 1 : 2; });
+  for (int id = 0; id < 8; ++id) {
+    auto a = makeAlgorithm(*img, *lab, id);
+    a->graph().generateGraph(*img, *lab);
+    EXPECT_EQ(a->solveLaplace(nullptr).size(), 0) << id;
+  }
+  auto a = makeAlgorithm(*img, *lab, 4);
+  a->compute();
+  auto out = a->takeOutput().extractFirstImage();
+  ASSERT_TRUE(out);
+  auto* p = static_cast<TypedImage<float>*>(out->mem());
+  EXPECT_EQ(p->value(0, 0), 1.0f);
+  EXPECT_EQ(p->value(1, 0), 0.0f);
+}
+
+TEST(SolveLaplace, PriorPullsUnknownsTowardsItsNormalisedValues) {
+  auto img = floatFrame({7, 1, 1}, [](int, int, int) { return 1.0; });
+  auto lab = labelFrame({7, 1, 1}, [](int x, int, int) { return x == 0 ? 1 : (x == 6 ? 2 : 0); });
+  auto prior = floatFrame({7, 1, 1}, [](int x, int, int) { return x == 3 ? 4.0 : 0.0; });
+  auto a = makeAlgorithm(*img, *lab, 1);
+  a->priorWeight = 10000.0f;  // gamma = 1
+  a->graph().generateGraph(*img, *lab);
+  Eigen::VectorXf with = a->solveLaplace(prior.get());
+
+  // Oracle: (A + I) x = b + p / pmax.
+  auto sys = reduceSystem(a->graph().laplacian(), a->graph().seedIndices(), a->graph().unknownIndices(),
+                          a->graph().seedValues());
+  Eigen::MatrixXd A = Eigen::MatrixXf(sys.A).cast<double>() + Eigen::MatrixXd::Identity(5, 5);
+  Eigen::VectorXd b = sys.b.cast<double>();
+  b[2] += 1.0;
+  Eigen::VectorXd ref = A.ldlt().solve(b);
+  EXPECT_LT((with.cast<double>() - ref).cwiseAbs().maxCoeff(), 1e-5);
+  // Without a prior the values form a ramp; the prior raises a bump where it is set.
+  EXPECT_GT(with[2], 0.5f * (with[1] + with[3]));
+}
+
+TEST(SolveLaplace, ZeroPriorGivesNaNAndNothingCatchesIt) {
+  auto img = floatFrame({5, 1, 1}, [](int, int, int) { return 1.0; });
+  auto lab = labelFrame({5, 1, 1}, [](int x, int, int) { return x == 0 ? 1 : (x == 4 ? 2 : 0); });
+  auto prior = floatFrame({5, 1, 1}, [](int, int, int) { return 0.0; });
+  auto a = makeAlgorithm(*img, *lab, 1);
+  a->graph().generateGraph(*img, *lab);
+  Eigen::VectorXf x = a->solveLaplace(prior.get());
+  EXPECT_TRUE(x.hasNaN());
+}
+
+// With no iterations the solver leaves x at its guess, which shows which guess was chosen.
+struct GuessCase {
+  int previous;  // size of the previous solution; 1 means nothing to reuse
+  bool reuse;
+};
+
+class WarmStart : public ::testing::TestWithParam<GuessCase> {};
+
+TEST_P(WarmStart, GuessFollowsTheSizeRules) {
+  auto img = floatFrame({8, 1, 1}, [](int, int, int) { return 1.0; });
+  auto lab = labelFrame({8, 1, 1}, [](int x, int, int) { return x == 0 ? 1 : (x == 7 ? 2 : 0); });
+  auto a = makeAlgorithm(*img, *lab, 3, 0);
+  a->reuseSolution = GetParam().reuse;
+  Eigen::VectorXf prev = Eigen::VectorXf::LinSpaced(GetParam().previous, 10.0f, 20.0f);
+  a->setPreviousSolution(prev);
+  a->graph().generateGraph(*img, *lab);
+  const int nU = 6;
+  auto sys = reduceSystem(a->graph().laplacian(), a->graph().seedIndices(), a->graph().unknownIndices(),
+                          a->graph().seedValues());
+  Eigen::VectorXf x = a->solveLaplace(nullptr);
+  Eigen::VectorXf expected = sys.b;
+  if (GetParam().reuse && GetParam().previous != 1) {
+    const int m = std::min(GetParam().previous, nU);
+    expected.head(m) = prev.head(m);
+  }
+  EXPECT_EQ(x, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, WarmStart,
+                         ::testing::Values(GuessCase{1, true}, GuessCase{6, false}, GuessCase{6, true},
+                                           GuessCase{9, true}, GuessCase{3, true}));
+
+TEST(SolveLaplace, UnknownSolverIdReturnsPreviousSolutionWithOneErrorLine) {
+  auto img = floatFrame({5, 1, 1}, [](int, int, int) { return 1.0; });
+  auto lab = labelFrame({5, 1, 1}, [](int x, int, int) { return x == 0 ? 1 : (x == 4 ? 2 : 0); });
+  auto a = makeAlgorithm(*img, *lab, 8);
+  Eigen::VectorXf prev(4);
+  prev << 1, 2, 3, 4;
+  a->setPreviousSolution(prev);
+  a->graph().generateGraph(*img, *lab);
+  TestKit::LogCapture log;
+  EXPECT_EQ(a->solveLaplace(nullptr), prev);
+  EXPECT_EQ(log.count(Log::Error), 1);
+  EXPECT_TRUE(log.contains("Incorrect solver ID"));
+}
+
+TEST(GraphLaplacianAlgorithm, ConfigureSwapsGraphClassAndKeepsItForUnknownTypes) {
+  auto img = floatFrame({4, 4, 1}, [](int, int, int) { return 1.0; });
+  auto lab = labelFrame({4, 4, 1}, [](int, int, int) { return 0; });
+  GraphLaplacianAlgorithm a(*img, *lab);
+  Properties p;
+  p.setParam("Graph Type", 2);
+  p.setParam("Vertical penalty", 3.5);
+  a.configure(&p);
+  auto* att = dynamic_cast<GraphLaplacianImageAttenuation*>(&a.graph());
+  ASSERT_TRUE(att);
+  EXPECT_EQ(att->verticalPenalty.value(), 3.5);
+  p.setParam("Graph Type", 9);
+  a.configure(&p);
+  EXPECT_TRUE(dynamic_cast<GraphLaplacianImageAttenuation*>(&a.graph()));
+
+  Properties out;
+  a.configuration(&out);
+  for (const char* key : {"Verbose", "Graph Type", "Prior Weight", "Solver ID", "Solver Iterations",
+                          "Solver Tolerance (Log)", "Re-Use Solution", "Propagate Up", "Min Level", "Num Levels",
+                          "Active Label", "Adaptiveness", "Horizontal penalty"})
+    EXPECT_TRUE(out.contains(key)) << key;
+}
+
+TEST(GraphLaplacianAlgorithm, MemoryEstimateFollowsLevelAndSolver) {
+  auto img = floatFrame({16, 16, 8}, [](int, int, int) { return 1.0; });
+  auto lab = labelFrame({16, 16, 8}, [](int, int, int) { return 0; });
+  GraphLaplacianAlgorithm a(*img, *lab);
+  const int64_t n = 16 * 16 * 8;
+  const int64_t base = n * 48 + (7 * n + n) * 12;
+  EXPECT_EQ(a.memoryEstimation(1), static_cast<uint64_t>(static_cast<float>(base + n * 12 * 8) * 1.3f));
+  EXPECT_EQ(a.memoryEstimation(0), a.memoryEstimation(1));
+  a.solverId = 3;
+  const int64_t n2 = n / 8;
+  EXPECT_EQ(a.memoryEstimation(2), static_cast<uint64_t>(static_cast<float>(n2 * 48 + (7 * n2 + n2) * 12) * 1.3f));
+}
+
+TEST(GraphLaplacianAlgorithm, CheckLabelsWantsBothSeedLabels) {
+  auto img = floatFrame({3, 1, 1}, [](int, int, int) { return 1.0; });
+  auto both = labelFrame({3, 1, 1}, [](int x, int, int) { return x == 0 ? 5 : (x == 2 ? 6 : 0); });
+  auto one = labelFrame({3, 1, 1}, [](int x, int, int) { return x == 0 ? 5 : 0; });
+  GraphLaplacianAlgorithm a(*img, *both);
+  a.graph().activeLabel = 5;
+  EXPECT_TRUE(a.checkLabels(both.get()));
+  EXPECT_FALSE(a.checkLabels(one.get()));
+  EXPECT_FALSE(a.checkLabels(nullptr));
+}
