@@ -2,15 +2,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "FactoryRegistry.h"
+#include "Commands.h"
+#include "Demo.h"
 #include "Log.h"
 #include "MLPlugin.h"
 #include "Plugin.h"
+#include "Runner.h"
 
 namespace fs = std::filesystem;
 using namespace Merivane;
@@ -24,13 +25,22 @@ const char* kUsage =
     "\n"
     "Commands:\n"
     "  list                 list the registered algorithms with their factory names and menu paths\n"
+    "  params NAME          show the parameters of an algorithm with their values and defaults\n"
+    "  info FILE...         describe image and mesh files: size, type, spacing, matrix, labels\n"
+    "  run NAME --in FILE... --out DIR\n"
+    "                       run an algorithm on files and write its outputs into DIR\n"
+    "  demo [--out DIR]     segment, measure and mesh the lateral ventricles of the Colin27 brain\n"
+    "Each command takes --help.\n"
     "\n"
     "Options:\n"
     "  --plugin PATH        plug-in library to load (default: libMerivaneSeg.so beside the program,\n"
     "                       or $MERIVANE_PLUGIN)\n"
     "  --verbose            log debug lines too\n"
-    "  --quiet              log errors only\n"
-    "  -h, --help           show this text\n";
+    "  --quiet              log errors only, and draw no progress\n"
+    "  -h, --help           show this text\n"
+    "\n"
+    "Log lines go to stderr as [LEVEL] category: message. Images: .nii .nii.gz .nrrd .nhdr .mha\n"
+    ".mhd .png; meshes: .ply .stl .obj; world coordinates are LPS millimetres.\n";
 
 std::string defaultPluginPath(const char* argv0) {
   if (const char* env = std::getenv("MERIVANE_PLUGIN")) return env;
@@ -43,48 +53,46 @@ std::string defaultPluginPath(const char* argv0) {
   return (dir / ".." / "lib" / "libMerivaneSeg.so").lexically_normal().string();
 }
 
-int commandList(const PluginManager& manager) {
-  size_t width = 0;
-  std::vector<const AlgorithmFactory::Descriptor*> rows;
-  for (AlgorithmFactory* f : FactoryRegistry::get().algorithmFactories())
-    for (auto* d : f->algorithmDescriptors()) {
-      rows.push_back(d);
-      width = std::max(width, d->id.size());
-    }
-  if (rows.empty()) {
-    std::fprintf(stderr, "merivane: no algorithms are registered\n");
-    return 1;
-  }
-  for (auto* d : rows) std::printf("%-*s  %s\n", static_cast<int>(width), d->id.c_str(), d->menuPath.c_str());
-  return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string pluginPath;
+  bool quiet = false;
+  bool help = false;
   std::vector<std::string> args;
+  // Global options may stand anywhere; --help before the command is the global one.
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
-    if (a == "-h" || a == "--help") {
-      std::fputs(kUsage, stdout);
-      return 0;
+    if ((a == "-h" || a == "--help") && args.empty()) {
+      help = true;
     } else if (a == "--plugin" && i + 1 < argc) {
       pluginPath = argv[++i];
     } else if (a == "--verbose") {
       Log::g_globalLevel = Log::Debug;
     } else if (a == "--quiet") {
       Log::g_globalLevel = Log::Error;
+      quiet = true;
     } else {
       args.push_back(a);
     }
   }
+  if (help) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
   if (args.empty()) {
     std::fputs(kUsage, stderr);
-    return 2;
+    return Cli::exitUsage;
   }
-  if (pluginPath.empty()) pluginPath = defaultPluginPath(argv[0]);
+  const std::string command = args[0];
+  const std::vector<std::string> rest(args.begin() + 1, args.end());
+  if (command == "info") return Cli::commandInfo(rest);
+  if (command != "list" && command != "params" && command != "run" && command != "demo") {
+    std::fprintf(stderr, "merivane: unknown command '%s' (see merivane --help)\n", command.c_str());
+    return Cli::exitUsage;
+  }
 
+  if (pluginPath.empty()) pluginPath = defaultPluginPath(argv[0]);
   PluginManager manager;
   ML::registerBuiltin(manager);
   std::string error;
@@ -92,9 +100,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "merivane: %s\n", error.c_str());
     return 1;
   }
-
-  const std::string& command = args[0];
-  if (command == "list") return commandList(manager);
-  std::fprintf(stderr, "merivane: unknown command '%s' (see merivane --help)\n", command.c_str());
-  return 2;
+  if (command == "list") return Cli::commandList(rest);
+  if (command == "params") return Cli::commandParams(rest);
+  if (command == "demo") return Cli::commandDemo(rest, argv[0], !quiet);
+  return Cli::commandRun(rest, !quiet);
 }

@@ -4,6 +4,8 @@
 #include <cmath>
 
 #include "GraphLaplacianImage.h"
+#include "ImageProcessing.h"
+#include "ImagePyramid.h"
 #include "LinearSolver.h"
 #include "Log.h"
 #include "Progress.h"
@@ -200,46 +202,74 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
 
 void GraphLaplacianAlgorithm::compute() {
   const auto total = Clock::now();
-  result_.reset();
+  auto step = Clock::now();
   if (!image_ || !labels_ || !labels_->mem()) {
     LOG_ERROR(kCategory, "Input for the graph segmentation is missing");
     setStatus(statusIncompleteInput);
     return;
   }
-  // The result has the labels' size and geometry; its content is overwritten by the solve.
-  ImageDescriptor d = labels_->descriptor();
-  d.pixelType = F32;
-  d.channels = 1;
-  d.shift = 0.0;
-  d.scale = 1.0;
-  auto result = std::make_unique<SharedImage>(d);
-  result->setMatrix(labels_->matrix());
+  // The result has the labels' size and geometry; its content is overwritten level by level.
+  result_ = std::make_unique<SharedImage>(
+      std::shared_ptr<Image>(ImageProcessing::createFloat(*labels_->mem(), ImageProcessing::Original)));
+  result_->setMatrix(labels_->matrix());
 
   if (verbose)
     LOG_INFO(kCategory, "[GraphSegmentation] Memory estimation : " << memoryEstimation(minLevel.value()) / 1000
                                                                   << " KB");
-  Progress::Task task(progress_, 1, "Computing Segmentation...");
+  ImagePyramid imagePyramid(image_, false, true, true);
+  ImagePyramid labelPyramid(labels_, true, true, true);
+  ImagePyramid priorPyramid(prior_, false, true, true);
+  ImagePyramid resultPyramid(result_.get(), false, true, true);
+  imagePyramid.createLevels(numLevels.value());
+  labelPyramid.createLevels(numLevels.value());
+  if (prior_) priorPyramid.createLevels(numLevels.value());
+  const int nLevels = resultPyramid.createLevels(numLevels.value());
+  const int minIndex = std::max(std::min(minLevel.value(), nLevels) - 1, 0);
+
+  Eigen::VectorXf lastSolution = previousSolution_;
+  Progress::Task task(progress_, nLevels - minIndex, "Computing Segmentation...");
   bool solved = false;
-  if (checkLabels(labels_)) {
+  for (int level = nLevels - 1; !(level < minIndex && (level < 0 || solved)); --level) {
+    if (level < 0) break;
+    if (task.wasCanceled()) {
+      LOG_WARN(kCategory, "Segmentation cancelled");
+      result_.reset();
+      setStatus(statusCanceled);
+      return;
+    }
+    if (verbose) LOG_INFO(kCategory, "LEVEL " << level << " -> " << minIndex);
     task.incrementStep();
-    auto t = Clock::now();
-    graph_->generateGraph(*image_, *labels_);
-    if (verbose) LOG_INFO(kCategory, "[GraphSegmentation] 1) Generation of the graph: " << msSince(t) << " ms");
-    Eigen::VectorXf solution = solveLaplace(prior_);
-    graph_->generateImageFromVector(solution, *result);
-    previousSolution_ = std::move(solution);
+    if (!checkLabels(labelPyramid.level(level))) {
+      if (verbose) LOG_INFO(kCategory, "Not enough seeds at this level - Skipping");
+      continue;
+    }
+    step = Clock::now();
+    graph_->generateGraph(*imagePyramid.level(level), *labelPyramid.level(level));
+    if (verbose) LOG_INFO(kCategory, "[GraphSegmentation] 1) Generation of the graph: " << msSince(step) << " ms");
+    // The coarser result, already propagated into this level, warm-starts the solve.
+    if (level != nLevels - 1) previousSolution_ = graph_->generateVectorFromImage(*resultPyramid.level(level));
+    lastSolution = solveLaplace(priorPyramid.level(level));
+    graph_->generateImageFromVector(lastSolution, *resultPyramid.level(level));
+    if (level != 0) resultPyramid.propagateUp(level);
     solved = true;
-  } else if (verbose) {
-    LOG_INFO(kCategory, "Not enough seeds at this level - Skipping");
   }
+  previousSolution_ = lastSolution;
+  step = Clock::now();
+  if (propagateUp.value())
+    for (int i = minIndex; i >= 1; --i) resultPyramid.propagateUp(i);
+  else if (minIndex != 1 && minIndex < nLevels && resultPyramid.level(minIndex) != result_.get())
+    result_ = resultPyramid.level(minIndex)->clone();
+
   if (!solved) {
     LOG_ERROR(kCategory, "The minimum level is too high - no seeds were available");
+    result_.reset();
     setStatus(statusInvalidInput);
     return;
   }
-  result_ = std::move(result);
-  if (verbose)
+  if (verbose) {
+    LOG_INFO(kCategory, "[GraphSegmentation] 4) Mapping the result to the label map: " << msSince(step) << " ms");
     LOG_INFO(kCategory, "Segmentation computed in " << msSince(total) / 1000.0 << "s");
+  }
   setStatus(statusSuccess);
 }
 

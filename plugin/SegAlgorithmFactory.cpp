@@ -1,5 +1,11 @@
 #include "SegAlgorithmFactory.h"
 
+#include "GraphBasedSegmentation.h"
+#include "ContoursStorageComponent.h"
+#include "DataComponent.h"
+#include "LabelMapToContoursAlgorithm.h"
+#include "LabelStatisticsAlgorithm.h"
+#include "LabelToMeshAlgorithm.h"
 #include "MakeCompatibleLabelMapAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
 #include "WatershedSegmentationAlgorithm.h"
@@ -8,10 +14,22 @@ namespace Merivane {
 
 SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
+  registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
+  registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
+  registerAlgorithm<LabelStatisticsAlgorithm>("LabelStatistics", "Segmentation;Statistics");
   registerAlgorithm<MakeCompatibleLabelMapAlgorithm>("MakeCompatibleLabelMap",
                                                      "Segmentation;Make Compatible Label Map");
   registerAlgorithm<MarkAsLabelMapAlgorithm>("MarkAsLabelMap", "Segmentation;Mark as Label Map");
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
+  registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
+
+  // The plug-in's one data component, restored by id when label maps are loaded.
+  registeredContours_ = DataComponentFactory::get().registerComponent(
+      "ContoursStorageComponent", [] { return std::make_unique<Seg::ContoursStorageComponent>(); });
+}
+
+SegAlgorithmFactory::~SegAlgorithmFactory() {
+  if (registeredContours_) DataComponentFactory::get().unregisterComponent("ContoursStorageComponent");
 }
 
 }  // namespace Merivane

@@ -7,6 +7,11 @@ namespace Merivane {
 class SegAlgorithmFactory : public AlgorithmFactory {
  public:
   SegAlgorithmFactory();
+  // Takes back the data component it registered: its creator's code leaves with the plug-in.
+  ~SegAlgorithmFactory() override;
+
+ private:
+  bool registeredContours_ = false;
 };
 
 }  // namespace Merivane

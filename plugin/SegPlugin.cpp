@@ -1,12 +1,19 @@
 #include "SegPlugin.h"
 
+#include "DataComponent.h"
 #include "SegAlgorithmControllerFactory.h"
 #include "SegAlgorithmFactory.h"
+#include "Repository_MerivaneSeg.h"
+#include "Resource.h"
 
 namespace Merivane {
 
 SegPlugin::SegPlugin() = default;
-SegPlugin::~SegPlugin() = default;
+SegPlugin::~SegPlugin() {
+  if (repository_) Resource::removeRepository(repository_.get());
+  // The creator lives in this library; the registry outlives it after the library is closed.
+  DataComponentFactory::get().unregisterComponent("ContoursStorageComponent");
+}
 
 std::string SegPlugin::author() const { return "Merivane Segmentation Team"; }
 std::string SegPlugin::description() const { return "Plugin for advanced Segmentation and Labeling"; }
@@ -17,6 +24,10 @@ int SegPlugin::init() {
   auto* controllerFactory = new SegAlgorithmControllerFactory();
   auto* algorithmFactory = new SegAlgorithmFactory();
   registerFactories(algorithmFactory, controllerFactory, nullptr);
+  // The shader repository, replacing one from an earlier init().
+  if (repository_) Resource::removeRepository(repository_.get());
+  repository_ = std::make_unique<Repository_MerivaneSeg>();
+  Resource::addRepository(repository_.get());
   return 0;
 }
 

@@ -11,8 +11,10 @@ packages=(
   build-essential cmake ninja-build ccache pkg-config
   libeigen3-dev qtbase5-dev libfmt-dev libzstd-dev libpugixml-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
+  libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri libepoxy-dev
   libviennacl-dev ocl-icd-opencl-dev opencl-headers pocl-opencl-icd
+  libnifti2-dev zlib1g-dev libpng-dev
+  libopenmesh-dev
 )
 
 missing=()

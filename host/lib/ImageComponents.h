@@ -74,6 +74,8 @@ class DisplayOptions3d : public DataComponent<DisplayOptions3d> {
  public:
   std::string id() const override { return "DisplayOptions3d"; }
   bool operator==(const DisplayOptions3d&) const = default;
+  double window = 0.0;
+  double level = 0.0;
   double opacity = 1.0;
   bool visible = true;
 };

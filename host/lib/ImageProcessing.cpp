@@ -1,6 +1,10 @@
 #include "ImageProcessing.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <limits>
+#include <vector>
 
 #include "Image.h"
 
@@ -34,3 +38,226 @@ std::unique_ptr<MemImage> computeFlipped(const MemImage& image, int axis) {
 }
 
 }  // namespace Merivane::ImageProcessing
+
+namespace Merivane {
+
+namespace {
+
+// Stores a double into an element type: integers round to nearest and saturate.
+template <typename T>
+T toElement(double v) {
+  if constexpr (std::is_integral_v<T>) {
+    if (!(v == v)) return T(0);
+    const double lo = static_cast<double>(std::numeric_limits<T>::lowest());
+    const double hi = static_cast<double>(std::numeric_limits<T>::max());
+    return static_cast<T>(std::llround(std::clamp(v, lo, hi)));
+  } else {
+    return static_cast<T>(v);
+  }
+}
+
+// Calls f(const T* in, T* out) with both images typed; both must share the element type.
+template <typename F>
+bool withTyped(const MemImage& in, MemImage& out, F f) {
+  return dispatchPixelType(in.type(), [&](auto tag) {
+    using T = decltype(tag);
+    f(static_cast<const T*>(in.data()), static_cast<T*>(out.data()));
+  });
+}
+
+}  // namespace
+
+namespace ImageProcessing {
+
+std::unique_ptr<MemImage> createFloat(const MemImage& image, Normalization normalization) {
+  ImageDescriptor d = image.descriptor();
+  d.pixelType = F32;
+  d.shift = 0.0;
+  d.scale = 1.0;
+  auto out = std::make_unique<TypedImage<float>>(d, nullptr, MemImage::Ownership::Owned, false);
+  float* o = out->pointer();
+  const size_t n = d.elementCount();
+  const double shift = image.shift(), scale = image.scale();
+  dispatchPixelType(image.type(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* p = static_cast<const T*>(image.data());
+    double a = 1.0, b = 0.0;  // o = p * a + b
+    switch (normalization) {
+      case None: break;
+      case TypeRange:
+        if constexpr (std::is_integral_v<T>) a = 1.0 / static_cast<double>(std::numeric_limits<T>::max());
+        break;
+      case Original:
+        a = 1.0 / scale;
+        b = -shift;
+        break;
+      case MinMax: {
+        if (n == 0) break;
+        auto [lo, hi] = std::minmax_element(p, p + n);
+        const double range = static_cast<double>(*hi) - static_cast<double>(*lo);
+        a = range > 0 ? 1.0 / range : 0.0;
+        b = -static_cast<double>(*lo) * a;
+        break;
+      }
+    }
+#pragma omp parallel for schedule(static) if (n > 262144)
+    for (ptrdiff_t i = 0; i < static_cast<ptrdiff_t>(n); ++i) o[i] = static_cast<float>(static_cast<double>(p[i]) * a + b);
+  });
+  return out;
+}
+
+std::unique_ptr<MemImage> createCropped(const MemImage& image, const Eigen::Vector3i& offset,
+                                        const Eigen::Vector3i& size) {
+  const Eigen::Vector3i dims = image.dimensions();
+  if ((offset.array() < 0).any() || (size.array() < 1).any() || ((offset + size).array() > dims.array()).any())
+    return nullptr;
+  ImageDescriptor d = image.descriptor();
+  d.dimensions = size;
+  auto out = MemImage::create(d, false);
+  const size_t px = static_cast<size_t>(d.channels) * static_cast<size_t>(d.typeSize());
+  const auto* src = static_cast<const unsigned char*>(image.data());
+  auto* dst = static_cast<unsigned char*>(out->data());
+#pragma omp parallel for schedule(static) if (size[2] >= 9)
+  for (int z = 0; z < size[2]; ++z)
+    for (int y = 0; y < size[1]; ++y) {
+      const size_t s = ((static_cast<size_t>(z + offset[2]) * dims[1] + (y + offset[1])) * dims[0] + offset[0]) * px;
+      const size_t t = ((static_cast<size_t>(z) * size[1] + y) * size[0]) * px;
+      std::memcpy(dst + t, src + s, static_cast<size_t>(size[0]) * px);
+    }
+  return out;
+}
+
+std::unique_ptr<MemImage> createPadded(const MemImage& image, PaddingMode mode, const Eigen::Vector3i& low,
+                                       const Eigen::Vector3i& high) {
+  if ((low.array() < 0).any() || (high.array() < 0).any()) return nullptr;
+  const Eigen::Vector3i dims = image.dimensions();
+  ImageDescriptor d = image.descriptor();
+  d.dimensions = dims + low + high;
+  auto out = MemImage::create(d, true);
+  const size_t px = static_cast<size_t>(d.channels) * static_cast<size_t>(d.typeSize());
+  const auto* src = static_cast<const unsigned char*>(image.data());
+  auto* dst = static_cast<unsigned char*>(out->data());
+  const Eigen::Vector3i od = d.dimensions;
+#pragma omp parallel for schedule(static) if (od[2] >= 9)
+  for (int z = 0; z < od[2]; ++z)
+    for (int y = 0; y < od[1]; ++y)
+      for (int x = 0; x < od[0]; ++x) {
+        int sx = x - low[0], sy = y - low[1], sz = z - low[2];
+        const bool inside = sx >= 0 && sy >= 0 && sz >= 0 && sx < dims[0] && sy < dims[1] && sz < dims[2];
+        if (!inside) {
+          if (mode == Zero) continue;
+          sx = std::clamp(sx, 0, dims[0] - 1);
+          sy = std::clamp(sy, 0, dims[1] - 1);
+          sz = std::clamp(sz, 0, dims[2] - 1);
+        }
+        std::memcpy(dst + ((static_cast<size_t>(z) * od[1] + y) * od[0] + x) * px,
+                    src + ((static_cast<size_t>(sz) * dims[1] + sy) * dims[0] + sx) * px, px);
+      }
+  return out;
+}
+
+std::unique_ptr<MemImage> createResampled(const MemImage& image, const Eigen::Vector3d& spacing, bool nearest) {
+  if ((spacing.array() <= 0).any()) return nullptr;
+  const Eigen::Vector3i dims = image.dimensions();
+  const Eigen::Vector3d extent = image.extent();
+  ImageDescriptor d = image.descriptor();
+  for (int k = 0; k < 3; ++k) d.dimensions[k] = std::max(1, static_cast<int>(std::lround(extent[k] / spacing[k])));
+  for (int k = 0; k < 3; ++k) d.spacing[k] = extent[k] / d.dimensions[k];
+  auto out = MemImage::create(d, false);
+  const Eigen::Vector3i od = d.dimensions;
+  const int C = d.channels;
+  // Centre-aligned: output voxel v sits at input position (v + 0.5) * ratio - 0.5.
+  const Eigen::Vector3d ratio = dims.cast<double>().cwiseQuotient(od.cast<double>());
+  withTyped(image, *out, [&](auto* in, auto* o) {
+    using T = std::remove_const_t<std::remove_pointer_t<decltype(in)>>;
+#pragma omp parallel for schedule(static) if (od[2] >= 9)
+    for (int z = 0; z < od[2]; ++z)
+      for (int y = 0; y < od[1]; ++y)
+        for (int x = 0; x < od[0]; ++x) {
+          const Eigen::Vector3d p((x + 0.5) * ratio[0] - 0.5, (y + 0.5) * ratio[1] - 0.5, (z + 0.5) * ratio[2] - 0.5);
+          T* dst = o + ((static_cast<size_t>(z) * od[1] + y) * od[0] + x) * C;
+          if (nearest) {
+            const int ix = std::clamp(static_cast<int>(std::lround(p[0])), 0, dims[0] - 1);
+            const int iy = std::clamp(static_cast<int>(std::lround(p[1])), 0, dims[1] - 1);
+            const int iz = std::clamp(static_cast<int>(std::lround(p[2])), 0, dims[2] - 1);
+            const T* s = in + ((static_cast<size_t>(iz) * dims[1] + iy) * dims[0] + ix) * C;
+            for (int c = 0; c < C; ++c) dst[c] = s[c];
+            continue;
+          }
+          int i0[3], i1[3];
+          double f[3];
+          for (int k = 0; k < 3; ++k) {
+            const double q = std::clamp(p[k], 0.0, static_cast<double>(dims[k] - 1));
+            i0[k] = static_cast<int>(std::floor(q));
+            i1[k] = std::min(i0[k] + 1, dims[k] - 1);
+            f[k] = q - i0[k];
+          }
+          for (int c = 0; c < C; ++c) {
+            double acc = 0.0;
+            for (int corner = 0; corner < 8; ++corner) {
+              const int cx = corner & 1 ? i1[0] : i0[0], cy = corner & 2 ? i1[1] : i0[1], cz = corner & 4 ? i1[2] : i0[2];
+              const double w = (corner & 1 ? f[0] : 1 - f[0]) * (corner & 2 ? f[1] : 1 - f[1]) * (corner & 4 ? f[2] : 1 - f[2]);
+              if (w != 0.0) acc += w * static_cast<double>(in[((static_cast<size_t>(cz) * dims[1] + cy) * dims[0] + cx) * C + c]);
+            }
+            dst[c] = toElement<T>(acc);
+          }
+        }
+  });
+  return out;
+}
+
+}  // namespace ImageProcessing
+
+namespace Filters {
+
+bool boxFilter3d(const MemImage* in, MemImage* out, int sx, int sy, int sz) {
+  if (!in || !out || in->dimensions() != out->dimensions() || in->channels() != out->channels()) return false;
+  if (sx < 1 || sy < 1 || sz < 1) return false;
+  const Eigen::Vector3i dims = in->dimensions();
+  const int C = in->channels();
+  const size_t n = in->descriptor().elementCount();
+  // Separable running sums in double along x, then y, then z.
+  std::vector<double> a(n), b(n);
+  dispatchPixelType(in->type(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* p = static_cast<const T*>(in->data());
+    for (size_t i = 0; i < n; ++i) a[i] = static_cast<double>(p[i]);
+  });
+  auto pass = [&](const std::vector<double>& src, std::vector<double>& dst, int axis, int size) {
+    const int len = dims[axis];
+    const size_t stride = (axis == 0 ? 1 : axis == 1 ? static_cast<size_t>(dims[0]) : static_cast<size_t>(dims[0]) * dims[1]) *
+                          static_cast<size_t>(C);
+    const int before = (size - 1) / 2, after = size / 2;
+    // Lines along `axis`, indexed by the two other axes.
+    const int A = axis == 0 ? dims[1] : dims[0], B = axis == 2 ? dims[1] : dims[2];
+#pragma omp parallel for collapse(2) schedule(static)
+    for (int j = 0; j < B; ++j)
+      for (int i = 0; i < A; ++i) {
+        size_t base;
+        if (axis == 0) base = (static_cast<size_t>(j) * dims[1] + i) * dims[0];
+        else if (axis == 1) base = static_cast<size_t>(j) * dims[1] * dims[0] + i;
+        else base = static_cast<size_t>(j) * dims[0] + i;
+        base *= static_cast<size_t>(C);
+        for (int c = 0; c < C; ++c)
+          for (int t = 0; t < len; ++t) {
+            const int lo = std::max(0, t - before), hi = std::min(len - 1, t + after);
+            double s = 0.0;
+            for (int q = lo; q <= hi; ++q) s += src[base + static_cast<size_t>(q) * stride + c];
+            dst[base + static_cast<size_t>(t) * stride + c] = s / (hi - lo + 1);
+          }
+      }
+  };
+  pass(a, b, 0, sx);
+  pass(b, a, 1, sy);
+  pass(a, b, 2, sz);
+  dispatchPixelType(out->type(), [&](auto tag) {
+    using T = decltype(tag);
+    T* o = static_cast<T*>(out->data());
+    for (size_t i = 0; i < n; ++i) o[i] = toElement<T>(b[i]);
+  });
+  return true;
+}
+
+}  // namespace Filters
+
+}  // namespace Merivane

@@ -1,4 +1,7 @@
 #pragma once
+// Whole-image operations of the host: conversion, flipping, cropping, padding, resampling and
+// box filtering. Results are new images; inputs are not changed.
+#include <Eigen/Core>
 #include <memory>
 
 namespace Merivane {
@@ -7,7 +10,37 @@ class MemImage;
 
 namespace Merivane::ImageProcessing {
 
+// How createFloat maps values: None copies the stored values, TypeRange divides by the largest
+// value of the element type (integers only), Original applies shift and scale (stored / scale -
+// shift), MinMax maps the image's range to [0, 1].
+enum Normalization : int { None = 0, TypeRange = 1, Original = 2, MinMax = 3 };
+
+// A float image with the input's dimensions, channels and spacing.
+std::unique_ptr<MemImage> createFloat(const MemImage& image, Normalization normalization);
+
 // A copy of `image` mirrored along axis 0 (x), 1 (y) or 2 (z); null for another axis.
 std::unique_ptr<MemImage> computeFlipped(const MemImage& image, int axis);
 
+// The box [offset, offset + size) of the image; null when it does not lie inside.
+std::unique_ptr<MemImage> createCropped(const MemImage& image, const Eigen::Vector3i& offset,
+                                        const Eigen::Vector3i& size);
+
+// Grown by `low` voxels before and `high` after each axis. Zero padding fills with 0, Clamp
+// repeats the edge voxel.
+enum PaddingMode : int { Zero = 0, Clamp = 1 };
+std::unique_ptr<MemImage> createPadded(const MemImage& image, PaddingMode mode, const Eigen::Vector3i& low,
+                                       const Eigen::Vector3i& high);
+
+// Resampled to a new spacing over the same extent (trilinear for intensities, nearest for
+// labels); the size becomes round(extent / spacing), at least 1.
+std::unique_ptr<MemImage> createResampled(const MemImage& image, const Eigen::Vector3d& spacing, bool nearest = false);
+
 }  // namespace Merivane::ImageProcessing
+
+namespace Merivane::Filters {
+
+// Mean over a box of sx x sy x sz voxels (odd sizes centre the box), clipped at the image
+// border. `out` must have the input's dimensions and channels; any pixel type.
+bool boxFilter3d(const MemImage* in, MemImage* out, int sx, int sy, int sz);
+
+}  // namespace Merivane::Filters

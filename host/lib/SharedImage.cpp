@@ -5,12 +5,21 @@
 #include <stdexcept>
 
 #include "Mask.h"
+#include "TextureBackend.h"
 
 namespace Merivane {
 
 SharedImage::SharedImage(std::shared_ptr<Image> image) {
   mem_ = std::dynamic_pointer_cast<MemImage>(image);
-  if (!mem_) throw std::invalid_argument("SharedImage: only memory images are supported");
+  if (mem_) return;
+  TextureBackend* backend = TextureBackend::installed();
+  if (image && backend && backend->asTexture(image.get())) {
+    gl_ = std::move(image);
+    memCurrent_ = false;
+    glCurrent_ = true;
+    return;
+  }
+  throw std::invalid_argument("SharedImage: only memory images and textures are supported");
 }
 
 SharedImage::SharedImage(const ImageDescriptor& descriptor) : mem_(MemImage::create(descriptor)) {
@@ -19,19 +28,51 @@ SharedImage::SharedImage(const ImageDescriptor& descriptor) : mem_(MemImage::cre
 
 SharedImage::~SharedImage() = default;
 
-const ImageDescriptor& SharedImage::descriptor() const { return mem_->descriptor(); }
-Image* SharedImage::img() const { return mem_.get(); }
-MemImage* SharedImage::mem() const { return mem_.get(); }
-std::shared_ptr<MemImage> SharedImage::sharedMem() const { return mem_; }
+const ImageDescriptor& SharedImage::descriptor() const { return img()->descriptor(); }
+Image* SharedImage::img() const {
+  // The current copy: after update(GlImage) the memory copy may be stale and of another shape.
+  if (mem_ && (memCurrent_ || !gl_)) return mem_.get();
+  return gl_ ? gl_.get() : mem_.get();
+}
+
+MemImage* SharedImage::mem() const { return sharedMem().get(); }
+
+std::shared_ptr<MemImage> SharedImage::sharedMem() const {
+  if (memCurrent_ && mem_) return mem_;
+  if (!gl_ || !glCurrent_) return mem_;
+  TextureBackend* backend = TextureBackend::installed();
+  if (!backend) return nullptr;
+  std::shared_ptr<MemImage> target = mem_;
+  if (!target || !target->descriptor().isApprox(gl_->descriptor(), ImageDescriptor::Comparison::All))
+    target = std::shared_ptr<MemImage>(MemImage::create(gl_->descriptor(), false));
+  if (!target || !backend->download(*gl_, *target)) return nullptr;
+  mem_ = std::move(target);
+  memCurrent_ = true;
+  return mem_;
+}
+
+GlImage* SharedImage::gl() const {
+  TextureBackend* backend = TextureBackend::installed();
+  if (!backend) return nullptr;
+  if (glCurrent_ && gl_) return backend->asTexture(gl_.get());
+  if (!mem_ || !memCurrent_) return nullptr;
+  std::shared_ptr<Image> texture = backend->upload(*mem_, gl_);
+  if (!texture) return nullptr;
+  gl_ = std::move(texture);
+  glCurrent_ = true;
+  return backend->asTexture(gl_.get());
+}
 
 void SharedImage::setDirtyMem() {
+  if (!mem_) sharedMem();
   memCurrent_ = true;
   glCurrent_ = false;
 }
 
 void SharedImage::setDirtyGl() {
-  glCurrent_ = true;
-  memCurrent_ = false;
+  if (!gl_) gl();
+  glCurrent_ = gl_ != nullptr;
+  memCurrent_ = !glCurrent_;
 }
 
 void SharedImage::update(const MemImage& image) {
@@ -40,17 +81,45 @@ void SharedImage::update(const MemImage& image) {
   setDirtyMem();
 }
 
+void SharedImage::update(const GlImage& image) {
+  TextureBackend* backend = TextureBackend::installed();
+  if (!backend) return;
+  std::shared_ptr<Image> copy = backend->copy(image);
+  if (!copy) return;
+  gl_ = std::move(copy);
+  glCurrent_ = true;
+  memCurrent_ = false;
+}
+
 std::unique_ptr<SharedImage> SharedImage::clone(Flags<CloneOptions> options) const {
-  auto copy = std::make_unique<SharedImage>(std::shared_ptr<Image>(mem_->clone()));
+  std::unique_ptr<SharedImage> copy;
+  if (auto m = sharedMem()) {
+    copy = std::make_unique<SharedImage>(std::shared_ptr<Image>(m->clone()));
+  } else {
+    TextureBackend* backend = TextureBackend::installed();
+    GlImage* source = backend && gl_ ? backend->asTexture(gl_.get()) : nullptr;
+    std::shared_ptr<Image> texture = source ? backend->copy(*source) : nullptr;
+    if (!texture) throw std::runtime_error("SharedImage: frame has no readable copy");
+    copy = std::make_unique<SharedImage>(std::move(texture));
+  }
   copy->matrix_ = matrix_;
   copy->modality_ = modality_;
   if (!options.test(CloneOptions::SkipMask)) copy->mask_ = mask_;
   return copy;
 }
 
-void SharedImage::setSpacing(const Eigen::Vector3d& spacing) { mem_->setSpacing(spacing); }
-void SharedImage::setSpacing(const Eigen::Vector3d& spacing, bool isMetric) { mem_->setSpacing(spacing, isMetric); }
-void SharedImage::setShiftScale(double shift, double scale) { mem_->setShiftScale(shift, scale); }
+void SharedImage::setSpacing(const Eigen::Vector3d& spacing) {
+  if (mem_) mem_->setSpacing(spacing);
+  if (gl_) gl_->setSpacing(spacing);
+}
+void SharedImage::setSpacing(const Eigen::Vector3d& spacing, bool isMetric) {
+  if (mem_) mem_->setSpacing(spacing, isMetric);
+  if (gl_) gl_->setSpacing(spacing, isMetric);
+}
+void SharedImage::setShiftScale(double shift, double scale) {
+  if (mem_) mem_->setShiftScale(shift, scale);
+  if (gl_) gl_->setShiftScale(shift, scale);
+}
 
 Eigen::Vector3d SharedImage::pixelToWorld(const Eigen::Vector3d& v) const {
   const auto& d = descriptor();

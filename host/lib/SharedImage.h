@@ -11,12 +11,14 @@
 
 namespace Merivane {
 
+class GlImage;
 class Mask;
 
 class SharedImage {
  public:
   enum class CloneOptions : uint32_t { None = 0, SkipMask = 1 };
 
+  // Wraps a MemImage or, when the GL layer is loaded, a GlImage.
   explicit SharedImage(std::shared_ptr<Image> image);
   explicit SharedImage(const ImageDescriptor& descriptor);
   ~SharedImage();
@@ -26,14 +28,23 @@ class SharedImage {
   const ImageDescriptor& descriptor() const;
   // Whichever copy exists, without transfer.
   Image* img() const;
+  // The memory copy, downloaded first when only the texture is current; null when neither
+  // exists or the download fails.
   MemImage* mem() const;
   std::shared_ptr<MemImage> sharedMem() const;
+  // The texture copy, uploaded first when the memory copy is newer; null when there is no
+  // texture path (no GL context, or a pixel type or channel count textures cannot hold).
+  // Transfers run on the GL context's thread.
+  GlImage* gl() const;
   bool hasMem() const { return mem_ && memCurrent_; }
-  bool hasGl() const { return false; }
+  bool hasGl() const { return gl_ && glCurrent_; }
 
+  // The memory copy was written: the texture is stale.
   void setDirtyMem();
+  // The texture was written: the memory copy is stale.
   void setDirtyGl();
   void update(const MemImage& image);
+  void update(const GlImage& image);
 
   std::unique_ptr<SharedImage> clone(Flags<CloneOptions> options = {}) const;
 
@@ -60,9 +71,12 @@ class SharedImage {
   size_t memoryBytes() const;
 
  private:
-  std::shared_ptr<MemImage> mem_;
-  bool memCurrent_ = true;
-  bool glCurrent_ = false;
+  // Both copies are mutable: mem() and gl() are const but transfer lazily. The descriptor of
+  // whichever copy exists is the frame's; setters keep both in step.
+  mutable std::shared_ptr<MemImage> mem_;
+  mutable std::shared_ptr<Image> gl_;
+  mutable bool memCurrent_ = true;
+  mutable bool glCurrent_ = false;
   Eigen::Matrix4d matrix_ = Eigen::Matrix4d::Identity();
   std::shared_ptr<Mask> mask_;
   Data::Modality modality_ = Data::modalityAny;

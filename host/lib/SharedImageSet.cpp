@@ -47,6 +47,11 @@ MemImage* SharedImageSet::mem(int index) const {
   return f ? f->mem() : nullptr;
 }
 
+GlImage* SharedImageSet::gl(int index) const {
+  SharedImage* f = get(index);
+  return f ? f->gl() : nullptr;
+}
+
 void SharedImageSet::add(std::shared_ptr<SharedImage> frame) {
   if (!frame) return;
   if (modality_ != modalityAny) frame->setModality(modality_);

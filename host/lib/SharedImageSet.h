@@ -36,6 +36,8 @@ class SharedImageSet : public Data, public Selectable {
   std::shared_ptr<SharedImage> getShared(int index = -1) const;
   Image* img(int index = -1) const;
   MemImage* mem(int index = -1) const;
+  // The frame's texture (uploading when needed); null without a texture path.
+  GlImage* gl(int index = -1) const;
 
   void add(std::shared_ptr<SharedImage> frame);
   void add(std::shared_ptr<Image> image);

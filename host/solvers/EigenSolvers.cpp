@@ -88,13 +88,19 @@ void CGSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::Ve
   lastWorkspaceBytes_ = static_cast<size_t>(b.size()) * sizeof(float) * 5 + cg.preconditioner().memoryBytes();
 }
 
+// Also preconditioned by aggregation multigrid, so that the default solver converges on noisy
+// images within its iteration limit.
 void BiCGStabEigenSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
                                 const Eigen::VectorXf& guess) {
+  if (A.rows() == 0) {
+    x.resize(0);
+    return;
+  }
   const Eigen::VectorXf& start = guess.size() == b.size() ? guess : b;
   if (double_) {
     using Matrix = Eigen::SparseMatrix<double, Eigen::RowMajor, int>;
     Matrix Ad = rowMajorView(A).cast<double>();
-    Eigen::BiCGSTAB<Matrix, Eigen::DiagonalPreconditioner<double>> solver;
+    Eigen::BiCGSTAB<Matrix, AggregationAMG<double>> solver;
     solver.setMaxIterations(iterations_);
     solver.setTolerance(tolerance_);
     solver.compute(Ad);
@@ -105,7 +111,7 @@ void BiCGStabEigenSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b
   } else {
     using Matrix = Eigen::SparseMatrix<float, Eigen::RowMajor, int>;
     RowMap view = rowMajorView(A);
-    Eigen::BiCGSTAB<Matrix, Eigen::DiagonalPreconditioner<float>> solver;
+    Eigen::BiCGSTAB<Matrix, AggregationAMG<float>> solver;
     solver.setMaxIterations(iterations_);
     solver.setTolerance(tolerance_);
     solver.compute(view);

@@ -43,7 +43,8 @@ class LLTEigenSolver : public LinearSolver {
   void solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x, const Eigen::VectorXf& guess) override;
 };
 
-// Eigen's conjugate gradients over the full symmetric matrix, with a multithreaded product.
+// Eigen's conjugate gradients over the full symmetric matrix, with a multithreaded product and
+// our aggregation multigrid as preconditioner.
 class CGSolver : public LinearSolver {
  public:
   CGSolver(int iterations, float tolerance) : iterations_(iterations), tolerance_(tolerance) {}
@@ -65,7 +66,7 @@ class BiCGStabSolver : public LinearSolver {
   float tolerance_;
 };
 
-// Eigen's BiCGSTAB with a diagonal preconditioner, in double or single precision.
+// Eigen's BiCGSTAB preconditioned by aggregation multigrid, in double or single precision.
 class BiCGStabEigenSolver : public LinearSolver {
  public:
   BiCGStabEigenSolver(bool doublePrecision, int iterations, float tolerance)

@@ -125,8 +125,9 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->isCompatible(DataList{})) << d->id;
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
-                                           "Seg.WatershedSegmentation"}));
+  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.LabelToMesh", "Seg.LabelStatistics",
+                                           "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
+                                           "Seg.WatershedSegmentation", "Seg.LabelMapToContours"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {

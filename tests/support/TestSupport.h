@@ -47,4 +47,15 @@ std::unique_ptr<SharedImageSet> makeImage(const Eigen::Vector3i& dims, F f, int 
 
 std::unique_ptr<SharedImageSet> makeSet(PixelType type, const Eigen::Vector3i& dims, int frames = 1, int channels = 1);
 
+// True when an OpenGL context can be made; defined in TestSupportGl, which GPU tests link.
+bool glContextAvailable();
+
+
 }  // namespace Merivane::TestKit
+
+// GPU tests skip with a message where no context can be made, instead of failing.
+#define MERIVANE_REQUIRE_GL()                                                      \
+  do {                                                                             \
+    if (!::Merivane::TestKit::glContextAvailable())                                \
+      GTEST_SKIP() << "no OpenGL 4.5 context through EGL on this machine";         \
+  } while (0)

@@ -1,0 +1,20 @@
+#pragma once
+// The commands of `merivane`; each takes its own arguments (after the command word) and
+// returns the exit code.
+#include <string>
+#include <vector>
+
+namespace Merivane::Cli {
+
+int commandList(const std::vector<std::string>& args);
+int commandParams(const std::vector<std::string>& args);
+int commandInfo(const std::vector<std::string>& args);
+int commandRun(const std::vector<std::string>& args, bool showProgress);
+
+// Usage texts, printed by --help.
+extern const char* const kListHelp;
+extern const char* const kParamsHelp;
+extern const char* const kInfoHelp;
+extern const char* const kRunHelp;
+
+}  // namespace Merivane::Cli

@@ -1,0 +1,67 @@
+#pragma once
+// The core of `merivane run`, kept apart from argument parsing so that other commands (the
+// demo) can call it: read the inputs, create the algorithm by factory name, configure it,
+// compute, and write its outputs (and optionally the inputs it changed) into a folder.
+#include <atomic>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Data.h"
+#include "Properties.h"
+
+namespace Merivane {
+class Progress;
+}
+
+namespace Merivane::Cli {
+
+// Exit codes of the command line.
+enum ExitCode : int {
+  exitSuccess = 0,
+  exitAlgorithmFailed = 1,  // the algorithm ended with an error status
+  exitUsage = 2,            // bad command line
+  exitFileError = 3,        // an input could not be read or an output not written
+  exitNotApplicable = 4,    // unknown factory name, or the inputs do not fit the algorithm
+  exitCanceled = 130,       // Ctrl-C
+};
+
+struct InputFile {
+  std::string path;
+  bool asLabels = false;  // --in-labels: read as a label map whatever the header says
+};
+
+struct RunOptions {
+  std::string algorithm;  // factory name, "Seg." may be left out
+  Properties configuration;
+  std::string outDir;
+  bool writeInputs = false;     // also write inputs that the algorithm changed in place
+  std::string imageExtension;   // ".nrrd", ".nii.gz", ...; empty: that of the first input, else ".nrrd"
+  std::string meshExtension = ".ply";
+};
+
+struct RunResult {
+  int exitCode = exitSuccess;
+  int status = -1;                   // the algorithm's status, -1 before compute
+  std::string message;               // why it failed, for stderr
+  std::vector<std::string> written;  // paths of the files written, in order
+};
+
+// Reads images (as label maps when their header marks them, or when asked) and meshes.
+// Appends to `owned`; returns false with `error` naming the file.
+bool readInputs(const std::vector<InputFile>& inputs, std::vector<std::unique_ptr<Data>>& owned, std::string* error);
+
+// Runs on data already in memory; `inputNames` (optional, one per item) names the files the
+// changed inputs are written as. `progress` and `interrupted` may be null.
+RunResult runOnData(const RunOptions& options, const DataList& inputs, const std::vector<std::string>& inputNames,
+                    Progress* progress, const std::atomic<bool>* interrupted);
+
+// readInputs followed by runOnData.
+RunResult runAlgorithm(const RunOptions& options, const std::vector<InputFile>& inputs, Progress* progress,
+                       const std::atomic<bool>* interrupted);
+
+// The factory name with its prefix, or empty if no registered algorithm has it.
+std::string resolveAlgorithmName(const std::string& name);
+
+}  // namespace Merivane::Cli

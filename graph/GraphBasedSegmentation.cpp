@@ -1,0 +1,572 @@
+#include "GraphBasedSegmentation.h"
+
+#include <Eigen/Geometry>
+#include <Eigen/LU>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <limits>
+
+#include "GraphLaplacianAlgorithm.h"
+#include "ImageComponents.h"
+#include "ImageProcessing.h"
+#include "Log.h"
+#include "MarchingCubes.h"
+#include "MarchingSquares.h"
+#include "Mesh.h"
+#include "MeshProcessing.h"
+#include "Spline.h"
+#include "SharedImageSet.h"
+
+namespace Merivane {
+
+namespace {
+
+constexpr const char* kCategory = "Seg.GraphBasedSegmentation";
+using Clock = std::chrono::steady_clock;
+double msSince(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
+
+// The matrix of a crop: the box's centre moves by (offset + size / 2 - dims / 2) voxels.
+Eigen::Matrix4d croppedMatrix(const Eigen::Matrix4d& m, const Eigen::Vector3i& dims, const Eigen::Vector3d& spacing,
+                              const Eigen::Vector3i& offset, const Eigen::Vector3i& size) {
+  const Eigen::Vector3d shift =
+      (offset.cast<double>() + 0.5 * size.cast<double>() - 0.5 * dims.cast<double>()).cwiseProduct(spacing);
+  Eigen::Matrix4d t = Eigen::Matrix4d::Identity();
+  t.block<3, 1>(0, 3) = shift;
+  return m * t;
+}
+
+std::shared_ptr<SharedImage> cloneFrame(const SharedImage& frame, const Eigen::Matrix4d& matrix) {
+  auto copy = std::make_shared<SharedImage>(std::shared_ptr<Image>(frame.mem()->clone()));
+  copy->setMatrix(matrix);
+  return copy;
+}
+
+// Linear sample of channel 0 at a continuous pixel position, clamped to the image.
+float sampleLinear(const TypedImage<float>& img, const Eigen::Vector3d& p) {
+  const Eigen::Vector3i d = img.dimensions();
+  int i0[3], i1[3];
+  double f[3];
+  for (int k = 0; k < 3; ++k) {
+    const double c = std::clamp(p[k], 0.0, static_cast<double>(d[k] - 1));
+    i0[k] = static_cast<int>(std::floor(c));
+    i1[k] = std::min(i0[k] + 1, d[k] - 1);
+    f[k] = c - i0[k];
+  }
+  double acc = 0.0;
+  for (int corner = 0; corner < 8; ++corner) {
+    const double w =
+        (corner & 1 ? f[0] : 1 - f[0]) * (corner & 2 ? f[1] : 1 - f[1]) * (corner & 4 ? f[2] : 1 - f[2]);
+    if (w == 0.0) continue;
+    acc += w * img.value(corner & 1 ? i1[0] : i0[0], corner & 2 ? i1[1] : i0[1], corner & 4 ? i1[2] : i0[2]);
+  }
+  return static_cast<float>(acc);
+}
+
+}  // namespace
+
+GraphBasedSegmentation::GraphBasedSegmentation(SharedImageSet* images, SharedImageSet* labels, SharedImageSet* priors)
+    : images_(images), labels_(labels), priors_(priors) {
+  currentObjectLabels_.assign(images_ ? static_cast<size_t>(images_->size()) : 0, 1);
+  // Label maps with a scale are brought to plain values: round(value / scale).
+  if (labels_) {
+    for (int i = 0; i < labels_->size(); ++i) {
+      SharedImage* frame = labels_->get(i);
+      MemImage* m = frame->mem();
+      if (m->scale() == 1.0) continue;
+      const double scale = m->scale();
+      dispatchPixelType(m->type(), [&](auto tag) {
+        using T = decltype(tag);
+        T* p = static_cast<T*>(m->data());
+        const size_t n = m->descriptor().elementCount();
+        for (size_t k = 0; k < n; ++k) p[k] = static_cast<T>(static_cast<long long>(p[k] / scale + 0.5));
+      });
+      m->setShiftScale(m->shift(), 1.0);
+      frame->setDirtyMem();
+    }
+  }
+}
+
+GraphBasedSegmentation::~GraphBasedSegmentation() = default;
+
+bool GraphBasedSegmentation::createCompatible(const DataList& data, Algorithm** algorithm) {
+  if (data.size() != 2) return false;
+  auto images = data.getImages();
+  if (images.size() != 2) return false;
+  const Image* image = images[0]->img(-1);
+  const Image* labels = images[1]->img(-1);
+  if (!image || !labels) return false;
+  if (labels->channels() != 1 || labels->type() != U8) return false;
+  if (!image->compatible(*labels, true, false, true)) return false;
+  if (algorithm) *algorithm = new GraphBasedSegmentation(images[0], images[1], nullptr);
+  return true;
+}
+
+int GraphBasedSegmentation::focus() const { return images_ ? images_->selection().focus() : 0; }
+
+void GraphBasedSegmentation::setSuperpixelsConfiguration(const Properties* properties) {
+  superpixelsConfig_ = properties ? std::make_unique<Properties>(*properties) : nullptr;
+}
+
+int GraphBasedSegmentation::currentObjectLabel(int index) const {
+  if (index < 0 || index >= static_cast<int>(currentObjectLabels_.size())) return 0;
+  return currentObjectLabels_[static_cast<size_t>(index)];
+}
+
+void GraphBasedSegmentation::setCurrentObjectLabel(int label, int index) {
+  if (index < 0 || index >= static_cast<int>(currentObjectLabels_.size())) return;
+  currentObjectLabels_[static_cast<size_t>(index)] = label;
+}
+
+uint64_t GraphBasedSegmentation::memoryEstimation(int level) const {
+  return algorithm_ ? algorithm_->memoryEstimation(level) : 0;
+}
+
+GraphBasedSegmentation::BoxDecision GraphBasedSegmentation::computeBox(int index, bool& reuse) {
+  const SharedImage* labelFrame = labels_->get(index);
+  auto* lab = dynamic_cast<const TypedImage<unsigned char>*>(labelFrame->mem());
+  if (!lab) return BoxDecision::Abort;
+  const Eigen::Vector3i d = lab->dimensions();
+  const int L = currentObjectLabel(index);
+  const unsigned char* prev = nullptr;
+  if (outputLabels_ && outputLabels_->size() == labels_->size()) {
+    auto* p = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(index));
+    if (p && p->descriptor().elementCount() == lab->descriptor().elementCount()) prev = p->pointer();
+  }
+  Eigen::Vector3i lo(d[0], d[1], d[2]), hi(-1, -1, -1);
+  int64_t objects = 0, backgrounds = 0;
+  const unsigned char* l = lab->pointer();
+  for (int z = 0; z < d[2]; ++z)
+    for (int y = 0; y < d[1]; ++y)
+      for (int x = 0; x < d[0]; ++x) {
+        const size_t i = (static_cast<size_t>(z) * d[1] + y) * d[0] + x;
+        const bool seed = l[i] == L || l[i] == L + 1;
+        if (!seed && !(prev && prev[i] != L)) continue;
+        const Eigen::Vector3i v(x, y, z);
+        lo = lo.cwiseMin(v);
+        hi = hi.cwiseMax(v);
+        (l[i] == L ? objects : backgrounds) += 1;
+      }
+  if (objects + backgrounds == 0) return BoxDecision::Abort;
+  if (backgrounds == 0) return BoxDecision::NoCrop;
+
+  const double m = boxMargin;
+  Eigen::Vector3i offset, size;
+  for (int k = 0; k < 3; ++k) {
+    const int newMin = std::max(static_cast<int>(lo[k] - (hi[k] - lo[k]) * m + 0.5), 0);
+    const int newMax = std::min(static_cast<int>(hi[k] + (hi[k] - newMin) * m + 0.5), d[k] - 1);
+    offset[k] = newMin;
+    size[k] = newMax - newMin + 1;
+  }
+  if ((size[0] == 1) + (size[1] == 1) + (size[2] == 1) >= 2) return BoxDecision::NoCrop;
+  if (verbose) {
+    const double fraction = double(size[0]) * size[1] * size[2] / (double(d[0]) * d[1] * d[2]);
+    LOG_INFO(kCategory, "Cropping offset [" << offset[0] << ", " << offset[1] << ", " << offset[2] << "], size ["
+                                            << size[0] << ", " << size[1] << ", " << size[2] << "], "
+                                            << static_cast<int>(100 * fraction) << "% of image");
+  }
+  if (offset == cropOffset_ && size == cropSize_ && workingImage_ && workingLabels_) {
+    reuse = true;
+  } else {
+    cropOffset_ = offset;
+    cropSize_ = size;
+  }
+  return BoxDecision::Crop;
+}
+
+void GraphBasedSegmentation::clampToWindow(SharedImage& image, double window, double level) const {
+  MemImage* m = image.mem();
+  const double shift = m->shift(), scale = m->scale();
+  const double lo = (level - window / 2 + shift) * scale;
+  const double hi = (level + window / 2 + shift) * scale;
+  dispatchPixelType(m->type(), [&](auto tag) {
+    using T = decltype(tag);
+    auto saturate = [](double v) {
+      const double a = static_cast<double>(std::numeric_limits<T>::lowest());
+      const double b = static_cast<double>(std::numeric_limits<T>::max());
+      return static_cast<T>(std::clamp(v, a, b));
+    };
+    const T tlo = saturate(lo), thi = saturate(hi);
+    T* p = static_cast<T*>(m->data());
+    const ptrdiff_t n = static_cast<ptrdiff_t>(m->descriptor().elementCount());
+#pragma omp parallel for schedule(static) if (n > 262144)
+    for (ptrdiff_t i = 0; i < n; ++i) p[i] = std::max(std::min(p[i], thi), tlo);
+  });
+  image.setDirtyMem();
+}
+
+void GraphBasedSegmentation::prepareForComputation() {
+  if (!images_ || !labels_) return;
+  const int i = focus();
+  SharedImage* imageFrame = images_->get(i);
+  SharedImage* labelFrame = labels_->get(i);
+  if (!imageFrame || !labelFrame) return;
+  const auto& id = imageFrame->descriptor();
+  if (id.elementCount() / static_cast<size_t>(id.channels) != labelFrame->descriptor().elementCount()) return;
+
+  bool crop = false, reuse = false;
+  if (autoCrop) {
+    const BoxDecision decision = computeBox(i, reuse);
+    if (decision == BoxDecision::Abort) return;
+    crop = decision == BoxDecision::Crop;
+  }
+
+  auto image = cloneFrame(*imageFrame, imageFrame->matrix());
+  auto labels = cloneFrame(*labelFrame, labelFrame->matrix());
+  std::shared_ptr<SharedImage> prior;
+  if (priors_ && priors_->get(i)) prior = cloneFrame(*priors_->get(i), priors_->get(i)->matrix());
+  if (crop) {
+    for (SharedImage* f : {image.get(), labels.get(), prior.get()}) {
+      if (!f) continue;
+      const Eigen::Vector3i dims = f->descriptor().dimensions;
+      auto cropped = ImageProcessing::createCropped(*f->mem(), cropOffset_, cropSize_);
+      if (!cropped) continue;
+      const Eigen::Matrix4d m = croppedMatrix(f->matrix(), dims, f->descriptor().spacing, cropOffset_, cropSize_);
+      f->update(*cropped);
+      f->setMatrix(m);
+    }
+  }
+
+  if (clipToDisplayWindow) {
+    double window = 0, level = 0;
+    bool found = false;
+    if (auto* d2 = images_->components().get<DisplayOptions2d>()) {
+      window = d2->window;
+      level = d2->level;
+      found = true;
+    } else if (auto* d3 = images_->components().get<DisplayOptions3d>()) {
+      window = d3->window;
+      level = d3->level;
+      found = true;
+    }
+    if (found && (window != displayWindow_ || level != displayLevel_)) {
+      displayWindow_ = window;
+      displayLevel_ = level;
+      clampToWindow(*image, window, level);
+      reuse = false;
+    }
+  }
+
+  if (algorithm_ && reuse) {
+    algorithm_->updateLabels(*labels);
+  } else {
+    if (smoothing > 0) Filters::boxFilter3d(imageFrame->mem(), image->mem(), smoothing, smoothing, smoothing);
+    algorithm_ = std::make_unique<GraphLaplacianAlgorithm>(*image, *labels, prior.get());
+    workingImage_ = image;
+    workingPrior_ = prior;
+  }
+  workingLabels_ = labels;
+}
+
+bool GraphBasedSegmentation::drawOutline(int index) {
+  auto* prob = dynamic_cast<const TypedImage<float>*>(probability_->mem(0));
+  auto* lab = dynamic_cast<TypedImage<unsigned char>*>(labels_->mem(index));
+  if (!prob || !lab) return false;
+  const Eigen::Vector3i d = lab->dimensions();
+  const float t = 0.5f;
+  std::atomic<bool> border{false};
+  const float* p = prob->pointer();
+  unsigned char* l = lab->pointer();
+  const Eigen::Vector3i o = cropOffset_, s = cropSize_;
+  const int64_t W = d[0], WH = int64_t(d[0]) * d[1];
+#pragma omp parallel for schedule(static)
+  for (int z = o[2]; z < o[2] + s[2]; ++z)
+    for (int y = o[1]; y < o[1] + s[1]; ++y)
+      for (int x = o[0]; x < o[0] + s[0]; ++x) {
+        const int64_t i = x + W * y + WH * z;
+        if (p[i] < t) {
+          if (l[i] > 254) l[i] = 0;
+          continue;
+        }
+        const bool outside = (x > 0 && p[i - 1] < t) || (x < d[0] - 1 && p[i + 1] < t) ||
+                             (y > 0 && p[i - W] < t) || (y < d[1] - 1 && p[i + W] < t) ||
+                             (z > 0 && p[i - WH] < t) || (z < d[2] - 1 && p[i + WH] < t);
+        const bool onBorder = x == 0 || x == d[0] - 1 || y == 0 || y == d[1] - 1 ||
+                              (d[2] != 1 && (z == 0 || z == d[2] - 1));
+        if (onBorder) {
+          border.store(true, std::memory_order_relaxed);
+          l[i] = 255;
+          continue;
+        }
+        if (l[i] > 254) l[i] = 0;
+        if (outside) l[i] = 255;
+      }
+  return border.load();
+}
+
+void GraphBasedSegmentation::compute() {
+  const auto total = Clock::now();
+  auto step = Clock::now();
+  prepareForComputation();
+  if (verbose) LOG_INFO(kCategory, "[GraphBasedSegmentation] Prepare " << msSince(step) << " ms");
+  if (!images_ || !labels_ || !images_->get(focus()) || !labels_->get(focus())) {
+    LOG_ERROR(kCategory, "Image or label map missing");
+    setStatus(statusIncompleteInput);
+    return;
+  }
+  const int i = focus();
+  const auto& id = images_->get(i)->descriptor();
+  const size_t imageCount = id.elementCount() / static_cast<size_t>(id.channels);
+  const size_t labelCount = labels_->get(i)->descriptor().elementCount();
+  if (labelCount != imageCount) {
+    LOG_ERROR(kCategory, labelCount << " different from " << imageCount);
+    setStatus(statusInvalidInput);
+    return;
+  }
+  if (!algorithm_) {
+    LOG_ERROR(kCategory, "No seeds of label " << currentObjectLabel(i) << " or " << currentObjectLabel(i) + 1
+                                              << " in the label map");
+    setStatus(statusIncompleteInput);
+    return;
+  }
+
+  Properties p;
+  p.setParam("Graph Type", useSuperpixels ? 1 : 0);
+  if (useSuperpixels && superpixelsConfig_) p.copyFrom(*superpixelsConfig_);
+  p.setParam("Active Label", currentObjectLabel(i));
+  p.setParam("Solver ID", solverId.value());
+  p.setParam("Solver Iterations", solverIterations.value());
+  p.setParam("Adaptiveness", adaptiveness.value());
+  p.setParam("Solver Tolerance (Log)", std::log10(solverTolerance.value()));
+  p.setParam("Num Levels", numLevels.value());
+  p.setParam("Min Level", minLevel.value());
+  p.setParam("Prior Weight", priorWeight.value());
+  p.setParam("Re-Use Solution", true);
+  p.setParam("Verbose", verbose.value());
+
+  step = Clock::now();
+  algorithm_->setProgress(progress_);
+  algorithm_->configure(&p);
+  algorithm_->compute();
+  OwningDataList output = algorithm_->takeOutput();
+  if (verbose) LOG_INFO(kCategory, "[GraphBasedSegmentation] Segmentation " << msSince(step) << " ms");
+  auto result = output.extractFirstImage();
+  if (!result || !result->get(0)) {
+    if (algorithm_->status() == statusCanceled) {
+      setStatus(statusCanceled);
+      return;
+    }
+    LOG_ERROR(kCategory, "Error in graph segmentation");
+    setStatus(statusError);
+    return;
+  }
+
+  // Map the box result back into a full-size probability image through world coordinates.
+  step = Clock::now();
+  SharedImage* labelFrame = labels_->get(i);
+  auto full = ImageProcessing::createFloat(*labelFrame->mem(), ImageProcessing::Original);
+  auto* fullTyped = static_cast<TypedImage<float>*>(full.get());
+  const SharedImage& out = *result->get(0);
+  auto* outTyped = dynamic_cast<const TypedImage<float>*>(out.mem());
+  if (outTyped) {
+    // pixel of the label map -> world -> pixel of the result, as one affine map.
+    const Eigen::Vector3d o0 = out.worldToPixel(labelFrame->pixelToWorld(Eigen::Vector3d::Zero()));
+    const Eigen::Vector3d ox = out.worldToPixel(labelFrame->pixelToWorld(Eigen::Vector3d::UnitX())) - o0;
+    const Eigen::Vector3d oy = out.worldToPixel(labelFrame->pixelToWorld(Eigen::Vector3d::UnitY())) - o0;
+    const Eigen::Vector3d oz = out.worldToPixel(labelFrame->pixelToWorld(Eigen::Vector3d::UnitZ())) - o0;
+    const Eigen::Vector3i o = cropOffset_, s = cropSize_;
+#pragma omp parallel for schedule(static)
+    for (int z = o[2]; z < o[2] + s[2]; ++z)
+      for (int y = o[1]; y < o[1] + s[1]; ++y)
+        for (int x = o[0]; x < o[0] + s[0]; ++x)
+          fullTyped->setValue(sampleLinear(*outTyped, o0 + x * ox + y * oy + z * oz), x, y, z);
+  }
+  probability_ = std::make_unique<SharedImageSet>(std::shared_ptr<Image>(std::move(full)));
+  probability_->setMatrix(labelFrame->matrix());
+  probability_->setName("Probability");
+  if (verbose) LOG_INFO(kCategory, "[GraphBasedSegmentation] Map to full label map " << msSince(step) << " ms");
+
+  step = Clock::now();
+  const bool border = drawOutline(i);
+  if (autoAccept) convertToLabels(true);
+  labelFrame->setDirtyMem();
+  if (border)
+    LOG_WARN(kCategory, "The segmentation extends to the border of the image. More seeds might be required to "
+                        "increase the size of the bounding box.");
+  if (verbose) {
+    LOG_INFO(kCategory, "[GraphBasedSegmentation] Draw contour " << msSince(step) << " ms");
+    LOG_INFO(kCategory, "[GraphBasedSegmentation] Segmentation computed in " << msSince(total) / 1000.0 << "s");
+  }
+  setStatus(statusSuccess);
+}
+
+OwningDataList GraphBasedSegmentation::takeOutput() {
+  OwningDataList out;
+  if (exportProbability && probability_) out.add(probability_->clone());
+  return out;
+}
+
+void GraphBasedSegmentation::clearResult() {
+  if (!labels_) return;
+  SharedImage* frame = labels_->get(focus());
+  if (!frame) return;
+  if (auto* lab = dynamic_cast<TypedImage<unsigned char>*>(frame->mem())) {
+    unsigned char* l = lab->pointer();
+    const size_t n = lab->descriptor().elementCount();
+    for (size_t k = 0; k < n; ++k)
+      if (l[k] == 255) l[k] = 0;
+  }
+  frame->setDirtyMem();
+}
+
+std::unique_ptr<SharedImageSet> GraphBasedSegmentation::probabilityImage() { return std::move(probability_); }
+
+void GraphBasedSegmentation::convertToLabels(bool clearOutside) {
+  if (!probability_) {
+    LOG_ERROR(kCategory, "Probability map not available - please run the graph algorithm.");
+    return;
+  }
+  const int i = focus();
+  auto* prob = dynamic_cast<const TypedImage<float>*>(probability_->mem(0));
+  SharedImage* frame = labels_ ? labels_->get(i) : nullptr;
+  auto* lab = frame ? dynamic_cast<TypedImage<unsigned char>*>(frame->mem()) : nullptr;
+  if (!prob || !lab) return;
+  const unsigned char* prev = nullptr;
+  if (outputLabels_ && outputLabels_->size() == labels_->size()) {
+    auto* p = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(i));
+    if (p && p->descriptor().elementCount() == lab->descriptor().elementCount()) prev = p->pointer();
+  }
+  const int L = currentObjectLabel(i);
+  const Eigen::Vector3i d = lab->dimensions(), o = cropOffset_, s = cropSize_;
+  const float* pr = prob->pointer();
+  unsigned char* l = lab->pointer();
+#pragma omp parallel for schedule(static)
+  for (int z = 0; z < d[2]; ++z)
+    for (int y = 0; y < d[1]; ++y)
+      for (int x = 0; x < d[0]; ++x) {
+        const size_t k = (static_cast<size_t>(z) * d[1] + y) * d[0] + x;
+        const bool inside = x >= o[0] && x < o[0] + s[0] && y >= o[1] && y < o[1] + s[1] && z >= o[2] &&
+                            z < o[2] + s[2];
+        if (!inside && !clearOutside) continue;
+        if (prev && prev[k] != L)
+          l[k] = prev[k];
+        else if (inside)
+          l[k] = static_cast<unsigned char>(pr[k] >= 0.5f ? L : L + 1);
+        else
+          l[k] = static_cast<unsigned char>(L + 1);
+      }
+  frame->setDirtyMem();
+  outputLabels_ = labels_->clone();
+}
+
+namespace {
+
+// The probability map as a 0/1 float image, the common start of both extractions.
+std::unique_ptr<TypedImage<float>> binaryProbability(const SharedImageSet& probability) {
+  auto copy = ImageProcessing::createFloat(*probability.mem(0), ImageProcessing::None);
+  auto typed = std::unique_ptr<TypedImage<float>>(static_cast<TypedImage<float>*>(copy.release()));
+  float* p = typed->pointer();
+  const size_t n = typed->descriptor().elementCount();
+  for (size_t k = 0; k < n; ++k) p[k] = p[k] > 0.5f ? 1.0f : 0.0f;
+  return typed;
+}
+
+void zeroBorder(TypedImage<float>& img, bool withZ) {
+  const Eigen::Vector3i d = img.dimensions();
+  for (int z = 0; z < d[2]; ++z)
+    for (int y = 0; y < d[1]; ++y)
+      for (int x = 0; x < d[0]; ++x)
+        if (x == 0 || y == 0 || x == d[0] - 1 || y == d[1] - 1 || (withZ && (z == 0 || z == d[2] - 1)))
+          img.setValue(0.0f, x, y, z);
+}
+
+}  // namespace
+
+std::unique_ptr<Mesh> GraphBasedSegmentation::extractSegmentation3D(double smoothness, double exportResolution,
+                                                                     bool closeBorder) {
+  if (!probability_ || !probability_->mem(0)) {
+    LOG_ERROR(kCategory, "No segmentation available");
+    return nullptr;
+  }
+  auto binary = binaryProbability(*probability_);
+  const Eigen::Vector3d sp = binary->spacing();
+  if (exportResolution <= 0) exportResolution = sp[0];
+  double f = smoothness / 6.0 + 0.5;
+  if (f <= 1.0) f = 1.0;
+  const double target = std::cbrt((f == 1.0 ? 1.0 : f * f * f) * sp[0] * sp[1] * sp[2]);
+  auto resampled = ImageProcessing::createResampled(*binary, Eigen::Vector3d::Constant(target));
+  if (!resampled) return nullptr;
+  auto* volume = static_cast<TypedImage<float>*>(resampled.get());
+  LOG_DEBUG(kCategory, "Target resolution: " << target << " x " << target << " x " << target);
+  LOG_DEBUG(kCategory, "Export resolution: " << exportResolution);
+  if (closeBorder) zeroBorder(*volume, true);
+
+  std::unique_ptr<Mesh> mesh = MarchingCubes::computeIsosurface(volume, nullptr, 0.5f);
+  if (!mesh) return nullptr;
+  MeshProcessing::mergeCloseVertices(*mesh, 0.0);
+  // Pixel coordinates of the resampled volume to world coordinates.
+  SharedImage frame(std::shared_ptr<Image>(std::move(resampled)));
+  frame.setMatrix(probability_->get(0)->matrix());
+  for (auto& v : mesh->vertices) v = frame.pixelToWorld(v.cast<double>()).cast<float>();
+  MeshProcessing::computeVertexNormals(*mesh);
+
+  double e = frame.descriptor().spacing[0] * f;
+  if (exportResolution > e) {
+    // Aim at triangles whose edges are about the export resolution long.
+    double area = 0.0;
+    for (const auto& t : mesh->faces) {
+      const Eigen::Vector3f a = mesh->vertices[static_cast<size_t>(t[0])];
+      const Eigen::Vector3f b = mesh->vertices[static_cast<size_t>(t[1])];
+      const Eigen::Vector3f c = mesh->vertices[static_cast<size_t>(t[2])];
+      area += 0.5 * static_cast<double>((b - a).cross(c - a).norm());
+    }
+    const double perFace = exportResolution * exportResolution * std::sqrt(3.0) / 4.0;
+    MeshProcessing::simplify(*mesh, std::max<size_t>(4, static_cast<size_t>(area / perFace)));
+  } else {
+    int halvings = 0;
+    while (e > exportResolution && halvings < 4) {
+      e *= 0.5;
+      ++halvings;
+    }
+    if (halvings > 0) MeshProcessing::subdivide(*mesh, halvings);
+  }
+  const int iterations = static_cast<int>(smoothness * 0.1);
+  if (iterations > 0) MeshProcessing::smooth(*mesh, iterations);
+  if (!mesh->hasNormals()) MeshProcessing::computeVertexNormals(*mesh);
+  mesh->setName("Segmentation");
+  return mesh;
+}
+
+std::vector<std::vector<Eigen::Vector3d>> GraphBasedSegmentation::extractSegmentation2D(double smoothness,
+                                                                                        double exportResolution,
+                                                                                        bool closeBorder) {
+  if (!probability_ || !probability_->mem(0)) {
+    LOG_ERROR(kCategory, "No segmentation available");
+    return {};
+  }
+  auto binary = binaryProbability(*probability_);
+  if (exportResolution <= 0) exportResolution = binary->spacing()[0];
+  const int k = static_cast<int>(smoothness / 6.0 + 0.5);
+  if (k > 1) {
+    auto resampled = ImageProcessing::createResampled(*binary, binary->spacing() * k);
+    if (resampled) binary.reset(static_cast<TypedImage<float>*>(resampled.release()));
+  }
+  if (closeBorder) zeroBorder(*binary, false);
+  const int W = binary->width(), H = binary->height();
+  const Eigen::Vector2d spacing = binary->spacing().head<2>();
+  const Eigen::Vector2d origin = -Eigen::Vector2d(W * 0.5 - 0.5, H * 0.5 - 0.5).cwiseProduct(spacing);
+  std::vector<MarchingSquares::Polyline> lines;
+  MarchingSquares::run(binary->pointer(), W, H, 0.5, lines, origin, spacing);
+
+  const Eigen::Matrix4d m = probability_->get(0)->matrix();
+  std::vector<std::vector<Eigen::Vector3d>> contours;
+  for (const auto& line : lines) {
+    std::vector<Eigen::Vector3d> world;
+    for (size_t j = 0; j < line.size(); ++j) {
+      if (j + 1 == line.size() && line.size() > 1 && line[j] == line.front()) break;  // closing repeat
+      world.push_back((m * Eigen::Vector4d(line[j][0], line[j][1], 0.0, 1.0)).head<3>());
+    }
+    std::vector<Eigen::Vector3d> sampled;
+    if (world.size() >= 2) {
+      Spline spline(world, true);
+      const double length = spline.length();
+      const int n = static_cast<int>(length / exportResolution + 0.5);
+      for (int j = 0; j < n; ++j) sampled.push_back(spline.pointAtLength(n > 1 ? j * length / (n - 1) : 0.0));
+    }
+    contours.push_back(std::move(sampled));
+  }
+  return contours;
+}
+
+}  // namespace Merivane

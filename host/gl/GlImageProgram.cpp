@@ -1,0 +1,51 @@
+#include "GlImageProgram.h"
+
+#include <epoxy/gl.h>
+
+#include "GlFramebuffer.h"
+#include "GlImage.h"
+
+namespace Merivane::GL {
+
+const char* ImageProgram::vertexSource() {
+  // One triangle that covers the viewport; no vertex buffer needed.
+  return "#version 450 core\n"
+         "void main() {\n"
+         "  vec2 p = vec2((gl_VertexID << 1) & 2, gl_VertexID & 2);\n"
+         "  gl_Position = vec4(p * 2.0 - 1.0, 0.0, 1.0);\n"
+         "}\n";
+}
+
+ImageProgram::ImageProgram() = default;
+
+ImageProgram::~ImageProgram() {
+  if (vertexArray_) glDeleteVertexArrays(1, &vertexArray_);
+}
+
+bool ImageProgram::compile(const std::string& fragmentSource) {
+  return Program::compile(vertexSource(), fragmentSource);
+}
+
+bool ImageProgram::compute(GlImage& target) {
+  if (!valid() || !target.valid()) return false;
+  if (!framebuffer_) framebuffer_ = std::make_unique<Framebuffer>();
+  if (!vertexArray_) glCreateVertexArrays(1, &vertexArray_);
+  use();
+  glBindVertexArray(vertexArray_);
+  glDisable(GL_BLEND);
+  glDisable(GL_DEPTH_TEST);
+  bool ok = true;
+  for (int z = 0; z < target.slices() && ok; ++z) {
+    if (!framebuffer_->attach(target, z)) {
+      ok = false;
+      break;
+    }
+    setArgument("u_slice", z);
+    glDrawArrays(GL_TRIANGLES, 0, 3);
+  }
+  framebuffer_->unbind();
+  glBindVertexArray(0);
+  return ok && glGetError() == GL_NO_ERROR;
+}
+
+}  // namespace Merivane::GL

@@ -1,0 +1,32 @@
+#pragma once
+// A fragment program run once per pixel of a target texture: a fixed vertex stage draws one
+// triangle over the viewport, and the fragment stage sees the slice index as the uniform
+// int "u_slice" (0 for 2D targets). A volume is rendered slice by slice. Lives on the GL
+// thread.
+#include <memory>
+#include <string>
+
+#include "GlProgram.h"
+
+namespace Merivane::GL {
+
+class Framebuffer;
+
+class ImageProgram : public Program {
+ public:
+  ImageProgram();
+  ~ImageProgram() override;
+
+  // Compiles `fragmentSource` with the fixed vertex stage.
+  bool compile(const std::string& fragmentSource);
+  // Renders every slice of `target`; false when the program or the target is unusable.
+  bool compute(GlImage& target);
+  // The vertex stage, for programs that want to build their own.
+  static const char* vertexSource();
+
+ private:
+  std::unique_ptr<Framebuffer> framebuffer_;
+  unsigned int vertexArray_ = 0;
+};
+
+}  // namespace Merivane::GL

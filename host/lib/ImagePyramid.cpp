@@ -1,0 +1,179 @@
+#include "ImagePyramid.h"
+
+#include <Eigen/Core>
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "SharedImage.h"
+
+namespace Merivane {
+
+namespace {
+
+constexpr int kMinExtent = 4;
+
+Eigen::Vector3i halved(const Eigen::Vector3i& d) {
+  Eigen::Vector3i h;
+  for (int k = 0; k < 3; ++k) h[k] = d[k] > 1 ? (d[k] + 1) / 2 : 1;
+  return h;
+}
+
+// Averages 2 x 2 x 2 blocks (clipped at the far border) into a float image.
+std::unique_ptr<MemImage> downsampleMean(const MemImage& in) {
+  const Eigen::Vector3i d = in.dimensions(), h = halved(d);
+  const int C = in.channels();
+  ImageDescriptor od = in.descriptor();
+  od.pixelType = F32;
+  od.dimensions = h;
+  for (int k = 0; k < 3; ++k) od.spacing[k] = in.spacing()[k] * d[k] / h[k];
+  auto out = std::make_unique<TypedImage<float>>(od, nullptr, MemImage::Ownership::Owned, false);
+  float* o = out->pointer();
+  dispatchPixelType(in.type(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* p = static_cast<const T*>(in.data());
+#pragma omp parallel for schedule(static) if (h[2] >= 9)
+    for (int z = 0; z < h[2]; ++z)
+      for (int y = 0; y < h[1]; ++y)
+        for (int x = 0; x < h[0]; ++x)
+          for (int c = 0; c < C; ++c) {
+            double s = 0.0;
+            int n = 0;
+            for (int dz = 0; dz < (d[2] > 1 ? 2 : 1); ++dz)
+              for (int dy = 0; dy < (d[1] > 1 ? 2 : 1); ++dy)
+                for (int dx = 0; dx < (d[0] > 1 ? 2 : 1); ++dx) {
+                  const int sx = 2 * x + dx, sy = 2 * y + dy, sz = 2 * z + dz;
+                  if (sx >= d[0] || sy >= d[1] || sz >= d[2]) continue;
+                  s += static_cast<double>(p[((static_cast<size_t>(sz) * d[1] + sy) * d[0] + sx) * C + c]);
+                  ++n;
+                }
+            o[((static_cast<size_t>(z) * h[1] + y) * h[0] + x) * C + c] = static_cast<float>(s / n);
+          }
+  });
+  return out;
+}
+
+// The most frequent non-zero value of each block, the smaller on a tie; 0 for an empty block.
+std::unique_ptr<MemImage> downsampleLabels(const MemImage& in) {
+  const Eigen::Vector3i d = in.dimensions(), h = halved(d);
+  ImageDescriptor od = in.descriptor();
+  od.pixelType = U8;
+  od.channels = 1;
+  od.dimensions = h;
+  for (int k = 0; k < 3; ++k) od.spacing[k] = in.spacing()[k] * d[k] / h[k];
+  auto out = std::make_unique<TypedImage<unsigned char>>(od, nullptr, MemImage::Ownership::Owned, false);
+  unsigned char* o = out->pointer();
+  const int C = in.channels();
+  dispatchPixelType(in.type(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* p = static_cast<const T*>(in.data());
+#pragma omp parallel for schedule(static) if (h[2] >= 9)
+    for (int z = 0; z < h[2]; ++z)
+      for (int y = 0; y < h[1]; ++y)
+        for (int x = 0; x < h[0]; ++x) {
+          std::array<unsigned char, 8> v{};
+          int n = 0;
+          for (int dz = 0; dz < 2; ++dz)
+            for (int dy = 0; dy < 2; ++dy)
+              for (int dx = 0; dx < 2; ++dx) {
+                const int sx = 2 * x + dx, sy = 2 * y + dy, sz = 2 * z + dz;
+                if (sx >= d[0] || sy >= d[1] || sz >= d[2]) continue;
+                const double s = static_cast<double>(p[((static_cast<size_t>(sz) * d[1] + sy) * d[0] + sx) * C]);
+                const auto u = static_cast<unsigned char>(std::clamp(s, 0.0, 255.0));
+                if (u != 0) v[static_cast<size_t>(n++)] = u;
+              }
+          unsigned char best = 0;
+          int bestCount = 0;
+          for (int a = 0; a < n; ++a) {
+            int count = 0;
+            for (int b = 0; b < n; ++b) count += v[static_cast<size_t>(b)] == v[static_cast<size_t>(a)];
+            if (count > bestCount || (count == bestCount && v[static_cast<size_t>(a)] < best)) {
+              best = v[static_cast<size_t>(a)];
+              bestCount = count;
+            }
+          }
+          o[(static_cast<size_t>(z) * h[1] + y) * h[0] + x] = best;
+        }
+  });
+  return out;
+}
+
+}  // namespace
+
+ImagePyramid::ImagePyramid(SharedImage* image, bool isLabel, bool, bool) : base_(image), isLabel_(isLabel) {}
+ImagePyramid::~ImagePyramid() = default;
+
+int ImagePyramid::createLevels(int levels) {
+  levels_.clear();
+  if (!base_ || !base_->mem()) return 0;
+  for (int l = 1; l < levels; ++l) {
+    const MemImage& finer = *level(l - 1)->mem();
+    const Eigen::Vector3i d = finer.dimensions(), h = halved(d);
+    bool ok = h != d;
+    for (int k = 0; k < 3; ++k) ok = ok && (d[k] == 1 || h[k] >= kMinExtent);
+    if (!ok) break;
+    auto coarse = std::make_unique<SharedImage>(
+        std::shared_ptr<Image>(isLabel_ ? downsampleLabels(finer) : downsampleMean(finer)));
+    coarse->setMatrix(base_->matrix());
+    levels_.push_back(std::move(coarse));
+  }
+  return numLevels();
+}
+
+int ImagePyramid::numLevels() const { return base_ && base_->mem() ? 1 + static_cast<int>(levels_.size()) : 0; }
+
+SharedImage* ImagePyramid::level(int index) const {
+  if (index == 0) return base_;
+  if (index < 0 || index > static_cast<int>(levels_.size())) return nullptr;
+  return levels_[static_cast<size_t>(index) - 1].get();
+}
+
+void ImagePyramid::propagateUp(int index) {
+  SharedImage* coarse = level(index);
+  SharedImage* fine = level(index - 1);
+  if (!coarse || !fine || index < 1) return;
+  const MemImage& in = *coarse->mem();
+  MemImage& out = *fine->mem();
+  const Eigen::Vector3i cd = in.dimensions(), fd = out.dimensions();
+  const int C = std::min(in.channels(), out.channels());
+  const Eigen::Vector3d ratio = cd.cast<double>().cwiseQuotient(fd.cast<double>());
+  const bool nearest = isLabel_;
+  dispatchPixelType(in.type(), [&](auto tagIn) {
+    using S = decltype(tagIn);
+    const S* p = static_cast<const S*>(in.data());
+    dispatchPixelType(out.type(), [&](auto tagOut) {
+      using T = decltype(tagOut);
+      T* o = static_cast<T*>(out.data());
+      const int OC = out.channels(), IC = in.channels();
+#pragma omp parallel for schedule(static) if (fd[2] >= 9)
+      for (int z = 0; z < fd[2]; ++z)
+        for (int y = 0; y < fd[1]; ++y)
+          for (int x = 0; x < fd[0]; ++x) {
+            const double q[3] = {(x + 0.5) * ratio[0] - 0.5, (y + 0.5) * ratio[1] - 0.5, (z + 0.5) * ratio[2] - 0.5};
+            int i0[3], i1[3];
+            double f[3];
+            for (int k = 0; k < 3; ++k) {
+              const double c = std::clamp(q[k], 0.0, static_cast<double>(cd[k] - 1));
+              i0[k] = nearest ? static_cast<int>(std::lround(c)) : static_cast<int>(std::floor(c));
+              i1[k] = std::min(i0[k] + 1, cd[k] - 1);
+              f[k] = nearest ? 0.0 : c - i0[k];
+            }
+            for (int c = 0; c < C; ++c) {
+              double acc = 0.0;
+              for (int corner = 0; corner < 8; ++corner) {
+                const double w = (corner & 1 ? f[0] : 1 - f[0]) * (corner & 2 ? f[1] : 1 - f[1]) *
+                                 (corner & 4 ? f[2] : 1 - f[2]);
+                if (w == 0.0) continue;
+                const int cx = corner & 1 ? i1[0] : i0[0], cy = corner & 2 ? i1[1] : i0[1],
+                          cz = corner & 4 ? i1[2] : i0[2];
+                acc += w * static_cast<double>(p[((static_cast<size_t>(cz) * cd[1] + cy) * cd[0] + cx) * IC + c]);
+              }
+              o[((static_cast<size_t>(z) * fd[1] + y) * fd[0] + x) * OC + c] = static_cast<T>(acc);
+            }
+          }
+    });
+  });
+  fine->setDirtyMem();
+}
+
+}  // namespace Merivane

@@ -1,0 +1,308 @@
+#include "IoUtil.h"
+
+#include <unistd.h>
+#include <zlib.h>
+
+#include <Eigen/Geometry>
+#include <Eigen/LU>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "LabelDataComponent.h"
+#include "SharedImageSet.h"
+
+namespace fs = std::filesystem;
+
+namespace Merivane::IO::detail {
+
+std::string baseName(const std::string& path) { return fs::path(path).filename().string(); }
+
+bool readFileBytes(const std::string& path, std::string& out, std::string* error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    if (error) *error = baseName(path) + ": cannot open (" + std::strerror(errno) + ")";
+    return false;
+  }
+  std::ostringstream s;
+  s << in.rdbuf();
+  out = s.str();
+  return true;
+}
+
+std::string temporaryPathFor(const std::string& path) {
+  static std::atomic<int> counter{0};
+  const fs::path p(path);
+  std::string name = p.filename().string();
+  // Keep the whole extension chain (".nii.gz") at the end of the temporary name.
+  const size_t dot = name.find('.', 1);
+  const std::string stem = dot == std::string::npos ? name : name.substr(0, dot);
+  const std::string ext = dot == std::string::npos ? "" : name.substr(dot);
+  return (p.parent_path() / ("." + stem + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ext))
+      .string();
+}
+
+bool commitTemporary(const std::string& tmp, const std::string& path, std::string* error) {
+  std::error_code ec;
+  fs::rename(tmp, path, ec);
+  if (ec) {
+    fs::remove(tmp, ec);
+    if (error) *error = baseName(path) + ": cannot move the written file into place (" + ec.message() + ")";
+    return false;
+  }
+  return true;
+}
+
+bool writeFileAtomically(const std::string& path, const std::string& bytes, std::string* error) {
+  const std::string tmp = temporaryPathFor(path);
+  FILE* f = std::fopen(tmp.c_str(), "wb");
+  if (!f) {
+    if (error) *error = baseName(path) + ": cannot open for writing (" + std::strerror(errno) + ")";
+    return false;
+  }
+  const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+  const bool closed = std::fclose(f) == 0;
+  if (!ok || !closed) {
+    std::error_code ec;
+    fs::remove(tmp, ec);
+    if (error) *error = baseName(path) + ": write failed (" + std::strerror(errno) + ")";
+    return false;
+  }
+  return commitTemporary(tmp, path, error);
+}
+
+bool inflateBytes(const char* data, size_t size, std::string& out, size_t expected, std::string* error) {
+  z_stream zs{};
+  if (inflateInit2(&zs, 15 + 32) != Z_OK) {
+    if (error) *error = "cannot start decompression";
+    return false;
+  }
+  out.clear();
+  out.resize(expected ? expected : std::max<size_t>(size * 4, 1024));
+  zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+  zs.avail_in = static_cast<uInt>(size);
+  size_t produced = 0;
+  int rc = Z_OK;
+  while (true) {
+    if (produced == out.size()) {
+      if (expected) break;  // more data than expected: stop here and report below
+      out.resize(out.size() * 2);
+    }
+    zs.next_out = reinterpret_cast<Bytef*>(out.data() + produced);
+    zs.avail_out = static_cast<uInt>(std::min<size_t>(out.size() - produced, 1u << 30));
+    const uInt before = zs.avail_out;
+    rc = inflate(&zs, Z_NO_FLUSH);
+    produced += before - zs.avail_out;
+    if (rc == Z_STREAM_END) {
+      // Concatenated gzip members are legal; continue with the next one.
+      if (zs.avail_in > 0 && inflateReset(&zs) == Z_OK) continue;
+      break;
+    }
+    if (rc != Z_OK) break;
+    if (zs.avail_in == 0 && produced < out.size()) break;  // input ended early
+  }
+  inflateEnd(&zs);
+  if (rc != Z_STREAM_END && rc != Z_OK) {
+    if (error) *error = std::string("corrupt compressed data (") + (zs.msg ? zs.msg : "zlib error") + ")";
+    return false;
+  }
+  if (rc != Z_STREAM_END) {
+    if (error)
+      *error = "compressed data is truncated (" + std::to_string(produced) + " bytes" +
+               (expected ? " of " + std::to_string(expected) : std::string()) + ")";
+    return false;
+  }
+  if (expected && produced != expected) {
+    if (error)
+      *error = "compressed data holds " + std::to_string(produced) + " bytes, expected " + std::to_string(expected);
+    return false;
+  }
+  out.resize(produced);
+  return true;
+}
+
+bool deflateBytes(const void* data, size_t size, std::string& out, bool gzipHeader) {
+  z_stream zs{};
+  if (deflateInit2(&zs, 6, Z_DEFLATED, gzipHeader ? 15 + 16 : 15, 8, Z_DEFAULT_STRATEGY) != Z_OK) return false;
+  out.resize(deflateBound(&zs, static_cast<uLong>(size)) + 64);
+  zs.next_in = reinterpret_cast<Bytef*>(const_cast<void*>(data));
+  zs.avail_in = static_cast<uInt>(size);
+  zs.next_out = reinterpret_cast<Bytef*>(out.data());
+  zs.avail_out = static_cast<uInt>(out.size());
+  const int rc = deflate(&zs, Z_FINISH);
+  out.resize(zs.total_out);
+  deflateEnd(&zs);
+  return rc == Z_STREAM_END;
+}
+
+void swapBytes(void* data, size_t count, int elementSize) {
+  if (elementSize <= 1) return;
+  auto* p = static_cast<unsigned char*>(data);
+  for (size_t i = 0; i < count; ++i, p += elementSize) std::reverse(p, p + elementSize);
+}
+
+std::string trim(const std::string& s) {
+  const size_t a = s.find_first_not_of(" \t\r\n");
+  if (a == std::string::npos) return "";
+  const size_t b = s.find_last_not_of(" \t\r\n");
+  return s.substr(a, b - a + 1);
+}
+
+std::string toLower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+bool endsWith(const std::string& s, const std::string& suffix) {
+  return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+bool parseNumbers(const std::string& text, std::vector<double>& out) {
+  out.clear();
+  std::istringstream in(text);
+  std::string tok;
+  while (in >> tok) {
+    char* end = nullptr;
+    const double v = std::strtod(tok.c_str(), &end);
+    if (end == tok.c_str() || *end != '\0') return false;
+    out.push_back(v);
+  }
+  return true;
+}
+
+Eigen::Matrix4d matrixFromIndexAffine(const Eigen::Matrix4d& affine, const Eigen::Vector3i& dims,
+                                      Eigen::Vector3d& spacing, const Eigen::Vector3d& fallbackSpacing) {
+  Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
+  Eigen::Matrix4d a = affine;
+  for (int i = 0; i < 3; ++i) {
+    const double len = a.block<3, 1>(0, i).norm();
+    if (len > 0 && std::isfinite(len)) {
+      spacing[i] = len;
+    } else {
+      // A degenerate column (a single slice written without its direction): complete it.
+      spacing[i] = fallbackSpacing[i] > 0 ? fallbackSpacing[i] : 1.0;
+      Eigen::Vector3d dir = Eigen::Vector3d::Unit(i);
+      if (i == 2 && a.block<3, 1>(0, 0).norm() > 0 && a.block<3, 1>(0, 1).norm() > 0)
+        dir = a.block<3, 1>(0, 0).normalized().cross(a.block<3, 1>(0, 1).normalized());
+      a.block<3, 1>(0, i) = dir * spacing[i];
+    }
+    m.block<3, 1>(0, i) = a.block<3, 1>(0, i) / spacing[i];
+  }
+  const Eigen::Vector4d centre((dims[0] * 0.5 - 0.5), (dims[1] * 0.5 - 0.5), (dims[2] * 0.5 - 0.5), 1.0);
+  m.block<3, 1>(0, 3) = (a * centre).head<3>();
+  return m;
+}
+
+Eigen::Matrix4d indexAffineFromMatrix(const Eigen::Matrix4d& matrix, const Eigen::Vector3i& dims,
+                                      const Eigen::Vector3d& spacing) {
+  Eigen::Matrix4d s = Eigen::Matrix4d::Identity();
+  for (int i = 0; i < 3; ++i) {
+    s(i, i) = spacing[i];
+    s(i, 3) = -(dims[i] * 0.5 - 0.5) * spacing[i];
+  }
+  return matrix * s;
+}
+
+const char* modalityName(Data::Modality m) {
+  switch (m) {
+    case Data::XRAY: return "XRAY";
+    case Data::CT: return "CT";
+    case Data::MRI: return "MRI";
+    case Data::ULTRASOUND: return "ULTRASOUND";
+    case Data::VIDEO: return "VIDEO";
+    case Data::NM: return "NM";
+    case Data::OCT: return "OCT";
+    case Data::LABEL: return "LABEL";
+    default: return "";
+  }
+}
+
+Data::Modality modalityFromName(const std::string& name) {
+  const std::string n = toLower(trim(name));
+  for (int m = Data::XRAY; m <= Data::LABEL; ++m)
+    if (n == toLower(modalityName(static_cast<Data::Modality>(m)))) return static_cast<Data::Modality>(m);
+  if (n == "mr" || n == "met_mod_mr") return Data::MRI;
+  if (n == "met_mod_ct") return Data::CT;
+  if (n == "us" || n == "met_mod_us") return Data::ULTRASOUND;
+  if (n == "met_mod_nm") return Data::NM;
+  return Data::modalityAny;
+}
+
+std::vector<std::pair<std::string, std::string>> metadataOf(const SharedImageSet& set) {
+  std::vector<std::pair<std::string, std::string>> out;
+  if (set.modality() != Data::modalityAny) out.emplace_back("Modality", modalityName(set.modality()));
+  if (const Image* img = set.img(0); img && (img->shift() != 0.0 || img->scale() != 1.0)) {
+    std::ostringstream s;
+    s.precision(17);
+    s << img->shift() << " " << img->scale();
+    out.emplace_back("ShiftScale", s.str());
+  }
+  if (const auto* labels = set.components().get<LabelDataComponent>()) {
+    for (const auto& [value, config] : labels->labelConfigs()) {
+      const std::string key = "Label" + std::to_string(value);
+      std::string name = config.name;
+      std::replace(name.begin(), name.end(), '\n', ' ');
+      out.emplace_back(key + "_Name", name);
+      std::ostringstream c;
+      c << config.color[0] << " " << config.color[1] << " " << config.color[2] << " " << config.color[3];
+      out.emplace_back(key + "_Color", c.str());
+    }
+  }
+  return out;
+}
+
+void applyMetadata(SharedImageSet& set, const std::map<std::string, std::string>& fields) {
+  if (set.empty()) return;
+  auto it = fields.find("Modality");
+  const Data::Modality modality = it == fields.end() ? Data::modalityAny : modalityFromName(it->second);
+  if (auto ss = fields.find("ShiftScale"); ss != fields.end()) {
+    std::vector<double> v;
+    if (parseNumbers(ss->second, v) && v.size() == 2 && v[1] != 0.0)
+      for (int i = 0; i < set.size(); ++i) set.get(i)->setShiftScale(v[0], v[1]);
+  }
+  const ImageDescriptor& d = set.get(0)->descriptor();
+  if (modality == Data::LABEL && !(d.pixelType == U8 && d.channels == 1)) return;  // not a label map after all
+  if (modality != Data::modalityAny) set.setModality(modality);
+  if (modality != Data::LABEL) return;
+  auto* labels = set.components().getOrCreate<LabelDataComponent>(&set);
+  for (const auto& [key, value] : fields) {
+    if (key.rfind("Label", 0) != 0) continue;
+    const size_t us = key.find('_');
+    if (us == std::string::npos) continue;
+    char* end = nullptr;
+    const long label = std::strtol(key.c_str() + 5, &end, 10);
+    if (end != key.c_str() + us || label < 0 || label > 255) continue;
+    const std::string what = key.substr(us + 1);
+    auto config = labels->labelConfig(static_cast<int>(label)).value_or(
+        LabelDataComponent::defaultLabelConfig(static_cast<int>(label)));
+    if (what == "Name") {
+      config.name = value;
+    } else if (what == "Color") {
+      std::vector<double> c;
+      if (!parseNumbers(value, c) || (c.size() != 3 && c.size() != 4)) continue;
+      config.color = Eigen::Vector4d(c[0], c[1], c[2], c.size() == 4 ? c[3] : 1.0);
+    } else {
+      continue;
+    }
+    labels->setLabelConfig(static_cast<int>(label), config);
+  }
+  labels->detectLabels(set);
+}
+
+std::unique_ptr<SharedImageSet> makeSet(std::shared_ptr<MemImage> image, const Eigen::Matrix4d& matrix,
+                                        const std::string& path) {
+  auto set = std::make_unique<SharedImageSet>();
+  set->add(std::shared_ptr<Image>(std::move(image)), matrix);
+  std::string name = baseName(path);
+  name = name.substr(0, name.find('.'));
+  set->setName(name);
+  return set;
+}
+
+}  // namespace Merivane::IO::detail

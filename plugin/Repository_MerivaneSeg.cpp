@@ -1,0 +1,71 @@
+#include "Repository_MerivaneSeg.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Merivane {
+
+namespace {
+
+// Every program starts with this chunk; callers insert their defines after its first line.
+constexpr char kPrologue[] =
+    "#version 450 core\n"
+    "// MerivaneSeg fragment program\n";
+
+// The programs arrive with the tools that draw them. Until then each name holds a program
+// that compiles and writes transparent black: a stand-in, not the tool's program.
+constexpr char kPlaceholderBody[] =
+    "layout(location = 0) out vec4 o_color;\n"
+    "void main() {\n"
+    "  o_color = vec4(0.0);  // placeholder until the tool's program is written\n"
+    "}\n";
+
+constexpr const char* kNames[] = {
+    "GlIsolineRenderer.frag",     "GlLabelRenderer.frag",    "LabelPainter.frag",
+    "LabelPainterDrawLine.frag",  "LabelPainterMerge.frag",  "LabelPainterThreshold.frag",
+    "StructuresViewOtherLabelsMask.frag", "ThresholdToolApply.frag", "ThresholdToolPreview.frag",
+    "WatershedToolPreview.frag",
+};
+
+ByteBufferView view(const char* text, size_t size) { return {reinterpret_cast<const unsigned char*>(text), size}; }
+
+}  // namespace
+
+Repository_MerivaneSeg::Repository_MerivaneSeg() {
+  for (const char* name : kNames)
+    entries_.emplace(name, std::vector<ByteBufferView>{view(kPrologue, sizeof(kPrologue) - 1),
+                                                       view(kPlaceholderBody, sizeof(kPlaceholderBody) - 1)});
+}
+
+Repository_MerivaneSeg::~Repository_MerivaneSeg() = default;
+
+std::string Repository_MerivaneSeg::name() const { return kName; }
+
+bool Repository_MerivaneSeg::contains(std::string_view name) const { return entries_.find(name) != entries_.end(); }
+
+std::optional<ByteBuffer> Repository_MerivaneSeg::query(std::string_view name) const {
+  auto it = entries_.find(name);
+  if (it == entries_.end()) return std::nullopt;
+  const auto& chunks = it->second;
+  if (chunks.size() == 1) return ByteBuffer(chunks.front().begin(), chunks.front().end());
+  size_t total = 0;
+  for (const auto& c : chunks) total += c.size();
+  ByteBuffer buffer;
+  buffer.reserve(total);
+  for (const auto& c : chunks) buffer.insert(buffer.end(), c.begin(), c.end());
+  return buffer;
+}
+
+std::vector<std::string> Repository_MerivaneSeg::names() const {
+  std::vector<std::string> result;
+  for (const auto& e : entries_) result.push_back(e.first);
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+size_t Repository_MerivaneSeg::chunkCount(std::string_view name) const {
+  auto it = entries_.find(name);
+  return it == entries_.end() ? 0 : it->second.size();
+}
+
+}  // namespace Merivane

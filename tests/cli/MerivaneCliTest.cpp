@@ -1,0 +1,215 @@
+// End-to-end runs of the built `merivane` program on small phantoms written to a scratch folder.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <Eigen/Geometry>
+#include <cstdlib>
+
+#include "../io/IoTestUtil.h"
+#include "CsvIO.h"
+#include "ImageIO.h"
+#include "LabelDataComponent.h"
+#include "Properties.h"
+#include "SharedImageSet.h"
+#include "TestSupport.h"
+
+using namespace Merivane;
+
+namespace {
+
+struct Outcome {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+Outcome merivane(const TestKit::ScratchDir& dir, const std::string& args) {
+  const std::string out = dir.file("stdout.txt"), err = dir.file("stderr.txt");
+  const std::string command = std::string(MERIVANE_BIN) + " " + args + " > " + out + " 2> " + err + " < /dev/null";
+  const int raw = std::system(command.c_str());
+  Outcome r{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, TestKit::readBytes(out), TestKit::readBytes(err)};
+  std::filesystem::remove(out);
+  std::filesystem::remove(err);
+  return r;
+}
+
+Eigen::Matrix4d obliqueMatrix() {
+  Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
+  m.block<3, 3>(0, 0) = Eigen::AngleAxisd(0.4, Eigen::Vector3d(0, 1, 1).normalized()).toRotationMatrix();
+  m.block<3, 1>(0, 3) = Eigen::Vector3d(-20, 5, 60);
+  return m;
+}
+
+// Two flat regions, 100 on the left and 300 on the right, with seeds 1 and 2 inside them.
+void writePhantom(const TestKit::ScratchDir& dir, const std::string& ext) {
+  auto image = TestKit::makeImage<float>({20, 16, 6}, [](int x, int, int) { return x < 10 ? 100.0f : 300.0f; });
+  image->get(0)->setSpacing(Eigen::Vector3d(0.8, 0.8, 2.0));
+  image->get(0)->setMatrix(obliqueMatrix());
+  auto seeds = TestKit::makeImage<unsigned char>({20, 16, 6}, [](int x, int y, int z) {
+    if (y == 8 && z == 3 && x == 3) return 1;
+    return y == 8 && z == 3 && x == 16 ? 2 : 0;
+  });
+  seeds->get(0)->setSpacing(Eigen::Vector3d(0.8, 0.8, 2.0));
+  seeds->get(0)->setMatrix(obliqueMatrix());
+  std::string error;
+  ASSERT_TRUE(IO::writeImage(*image, dir.file("image" + ext), &error)) << error;
+  ASSERT_TRUE(IO::writeImage(*seeds, dir.file("seeds" + ext), &error)) << error;
+}
+
+TEST(MerivaneCli, WatershedRunUpdatesTheSeedsInPlaceAndTheResultOverlaysTheImage) {
+  TestKit::ScratchDir dir;
+  writePhantom(dir, ".nrrd");
+  const Outcome r = merivane(dir, "run WatershedSegmentation --in " + dir.file("image.nrrd") + " --in-labels " +
+                                  dir.file("seeds.nrrd") + " --out " + dir.file("out") + " --write-inputs");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const std::string written = dir.file("out/seeds-updated.nrrd");
+  EXPECT_NE(r.out.find(written), std::string::npos) << r.out;
+  std::string error;
+  auto labels = IO::readImage(written, &error);
+  ASSERT_TRUE(labels) << error;
+  EXPECT_EQ(labels->modality(), Data::LABEL);
+  const auto* p = static_cast<const unsigned char*>(labels->mem(0)->data());
+  auto at = [&](int x, int y, int z) { return p[(z * 16 + y) * 20 + x]; };
+  EXPECT_EQ(at(0, 0, 0), 1);
+  EXPECT_EQ(at(5, 15, 5), 1);
+  EXPECT_EQ(at(19, 0, 0), 2);
+  EXPECT_EQ(at(14, 15, 5), 2);
+  EXPECT_TRUE(labels->get(0)->matrix().isApprox(obliqueMatrix(), 1e-12));
+  EXPECT_TRUE(labels->img(0)->spacing().isApprox(Eigen::Vector3d(0.8, 0.8, 2.0)));
+  EXPECT_NE(r.err.find("progress"), std::string::npos) << "progress lines when stderr is not a terminal";
+}
+
+TEST(MerivaneCli, NewLabelMapIsWrittenInTheInputFormatWithTheInputGeometry) {
+  TestKit::ScratchDir dir;
+  writePhantom(dir, ".nii.gz");
+  const Outcome r = merivane(dir, "run Seg.MakeCompatibleLabelMap --in " + dir.file("image.nii.gz") + " --out " +
+                                  dir.file("out"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  const std::string path = dir.file("out/image_Label_Map.nii.gz");
+  EXPECT_EQ(r.out, path + "\n");
+  std::string error;
+  auto labels = IO::readImage(path, &error);
+  ASSERT_TRUE(labels) << error;
+  EXPECT_EQ(labels->modality(), Data::LABEL);
+  EXPECT_TRUE(labels->get(0)->matrix().isApprox(obliqueMatrix(), 1e-5));
+  // Nothing else is left in the folder: no temporary files.
+  int files = 0;
+  for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(dir.file("out"))) ++files;
+  EXPECT_EQ(files, 1);
+}
+
+TEST(MerivaneCli, StatisticsCsvLandsInTheOutputFolder) {
+  TestKit::ScratchDir dir;
+  auto image = TestKit::makeImage<short>({4, 3, 1}, [](int x, int y, int) { return 10 * x + y; });
+  auto labels = TestKit::makeImage<unsigned char>({4, 3, 1}, [](int x, int y, int) { return x < 2 && y < 2 ? 1 : 0; });
+  labels->setModality(Data::LABEL);
+  labels->components().getOrCreate<LabelDataComponent>(labels.get())->setLabelName(1, "Liver");
+  std::string error;
+  ASSERT_TRUE(IO::writeImage(*image, dir.file("ct.mha"), &error)) << error;
+  ASSERT_TRUE(IO::writeImage(*labels, dir.file("organs.mha"), &error)) << error;
+  const Outcome r = merivane(dir, "run LabelStatistics --in " + dir.file("ct.mha") + " --in " + dir.file("organs.mha") +
+                                  " --set csvPath=stats.csv --set floatPrecision=3 --out " + dir.file("out"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(TestKit::readBytes(dir.file("out/stats.csv")),
+            "Label;Minimum;Maximum;Mean;SD;Area (mm²);#Pixels\norgans/Liver;0;11;5.5;5.8;4;4\n");
+  EXPECT_NE(r.err.find("[INFO] Seg.LabelStatisticsAlgorithm"), std::string::npos) << r.err;
+}
+
+TEST(MerivaneCli, ContoursAreWrittenInThePropertiesTextBesideTheirLabelMap) {
+  TestKit::ScratchDir dir;
+  auto labels = TestKit::makeImage<unsigned char>({8, 8, 1}, [](int x, int y, int) { return x > 1 && x < 6 && y > 2 && y < 6; });
+  labels->setModality(Data::LABEL);
+  std::string error;
+  ASSERT_TRUE(IO::writeImage(*labels, dir.file("square.png"), &error)) << error;
+  const Outcome r = merivane(dir, "run LabelMapToContours --in " + dir.file("square.png") + " --set labelValues=1 --out " + dir.file("out") + " --write-inputs");
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::string xmlPath;
+  for (const auto& e : std::filesystem::directory_iterator(dir.file("out")))
+    if (e.path().string().find("-contours.xml") != std::string::npos) xmlPath = e.path().string();
+  ASSERT_FALSE(xmlPath.empty()) << r.out;
+  auto p = PropertiesIO::loadFromFile(xmlPath, &error);
+  ASSERT_TRUE(p) << error;
+  EXPECT_TRUE(p->subProperties("ContoursStorageComponent"));
+}
+
+TEST(MerivaneCli, InfoDescribesGeometryAndLabels) {
+  TestKit::ScratchDir dir;
+  writePhantom(dir, ".nrrd");
+  const Outcome r = merivane(dir, "info " + dir.file("image.nrrd"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("dimensions  20 x 16 x 6"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("spacing     0.8 0.8 2 mm"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("type        F32, 1 channel"), std::string::npos) << r.out;
+}
+
+struct Failure {
+  const char* name;
+  const char* args;  // {DIR} stands for the scratch folder
+  int code;
+  const char* message;
+};
+
+void PrintTo(const Failure& f, std::ostream* os) { *os << f.name; }
+
+const Failure kFailures[] = {
+    {"UnknownAlgorithm", "run NoSuchThing --in {DIR}/image.nrrd --out {DIR}/out", 4, "unknown algorithm 'NoSuchThing'"},
+    {"InputsDoNotFit", "run MarkAsLabelMap --in {DIR}/image.nrrd --out {DIR}/out", 4, "does not accept these inputs"},
+    {"TruncatedInput", "run MakeCompatibleLabelMap --in {DIR}/cut.nrrd --out {DIR}/out", 3, "cut.nrrd: data is truncated"},
+    {"MissingInput", "run MakeCompatibleLabelMap --in {DIR}/none.nrrd --out {DIR}/out", 3, "none.nrrd: no such file"},
+    {"NoOutputFolder", "run MakeCompatibleLabelMap --in {DIR}/image.nrrd", 2, "run needs --out DIR"},
+    {"BadSetting", "run LabelStatistics --in {DIR}/image.nrrd --set floatPrecision --out {DIR}/out", 2, "KEY=VALUE"},
+    {"AlgorithmStatus", "run LabelStatistics --in {DIR}/image.nrrd --set floatPrecision=40 --out {DIR}/out", 1,
+     "failed with status 2 (invalid input): Seg.LabelStatisticsAlgorithm: floatPrecision must lie in 0..17, not 40"},
+    {"UnknownCommand", "frobnicate", 2, "unknown command 'frobnicate'"},
+    {"BadFormat", "run MakeCompatibleLabelMap --in {DIR}/image.nrrd --format tiff --out {DIR}/out", 2,
+     "unknown image format '.tiff'"},
+};
+
+class MerivaneCliFailure : public testing::TestWithParam<Failure> {};
+
+TEST_P(MerivaneCliFailure, ExitsNonZeroWithTheReasonOnStderr) {
+  TestKit::ScratchDir dir;
+  writePhantom(dir, ".nrrd");
+  {
+    std::string error;
+    auto image = IO::readImage(dir.file("image.nrrd"), &error);
+    IO::WriteOptions raw;
+    raw.compress = false;
+    ASSERT_TRUE(image && IO::writeImage(*image, dir.file("raw.nrrd"), &error, raw)) << error;
+    const std::string bytes = TestKit::readBytes(dir.file("raw.nrrd"));
+    TestKit::writeBytes(dir.file("cut.nrrd"), bytes.substr(0, bytes.size() - 100));
+  }
+  std::string args = GetParam().args;
+  for (size_t at; (at = args.find("{DIR}")) != std::string::npos;) args.replace(at, 5, dir.path().string());
+  const Outcome r = merivane(dir, args);
+  EXPECT_EQ(r.code, GetParam().code) << r.err;
+  EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(dir.file("out")) && !std::filesystem::is_empty(dir.file("out")))
+      << "a failed run writes nothing";
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, MerivaneCliFailure, testing::ValuesIn(kFailures),
+                         [](const testing::TestParamInfo<Failure>& i) { return std::string(i.param.name); });
+
+TEST(MerivaneCli, EveryCommandHasHelpAndParamsShowDefaults) {
+  TestKit::ScratchDir dir;
+  for (const char* command : {"--help", "list --help", "params --help", "info --help", "run --help"}) {
+    const Outcome r = merivane(dir, command);
+    EXPECT_EQ(r.code, 0) << command;
+    EXPECT_EQ(r.out.rfind("Usage: merivane", 0), 0u) << command << ": " << r.out;
+  }
+  const Outcome list = merivane(dir, "list");
+  EXPECT_NE(list.out.find("Seg.LabelStatistics"), std::string::npos);
+  const Outcome params = merivane(dir, "params LabelStatistics");
+  ASSERT_EQ(params.code, 0) << params.err;
+  EXPECT_NE(params.out.find("floatPrecision  = \"6\"  (default \"6\")"), std::string::npos) << params.out;
+  const Outcome xml = merivane(dir, "params Seg.LabelStatistics --xml");
+  TestKit::writeBytes(dir.file("config.xml"), xml.out);
+  writePhantom(dir, ".nrrd");
+  const Outcome run = merivane(dir, "run LabelStatistics --in " + dir.file("image.nrrd") + " --config " +
+                                    dir.file("config.xml") + " --out " + dir.file("out") + " --quiet");
+  EXPECT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+}
+
+}  // namespace

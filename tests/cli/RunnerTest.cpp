@@ -1,0 +1,92 @@
+// The run core called in process, as the demo calls it: data in memory, outputs to a folder.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <thread>
+
+#include "../io/IoTestUtil.h"
+#include "ConsoleProgress.h"
+#include "FactoryRegistry.h"
+#include "ImageIO.h"
+#include "Runner.h"
+#include "SegAlgorithmFactory.h"
+#include "SharedImageSet.h"
+#include "TestSupport.h"
+
+using namespace Merivane;
+
+namespace {
+
+class RunnerTest : public testing::Test {
+ protected:
+  void SetUp() override { FactoryRegistry::get().addAlgorithmFactory(&factory_); }
+  void TearDown() override { FactoryRegistry::get().removeAlgorithmFactory(&factory_); }
+  SegAlgorithmFactory factory_;
+};
+
+TEST_F(RunnerTest, ChangedInputsAreWrittenOnlyWhenChanged) {
+  TestKit::ScratchDir dir;
+  TestKit::LogCapture log;
+  auto bytes = TestKit::makeImage<unsigned char>({3, 3, 1}, [](int x, int, int) { return x; });
+  bytes->setName("mask");
+  Cli::RunOptions options;
+  options.algorithm = "MarkAsLabelMap";
+  options.outDir = dir.file("out");
+  options.writeInputs = true;
+  options.imageExtension = ".mha";
+  const auto r = Cli::runOnData(options, DataList{bytes.get()}, {"mask.png"}, nullptr, nullptr);
+  ASSERT_EQ(r.exitCode, Cli::exitSuccess) << r.message;
+  ASSERT_EQ(r.written, std::vector<std::string>{dir.file("out/mask-updated.mha")});
+  std::string error;
+  auto back = IO::readImage(r.written[0], &error);
+  ASSERT_TRUE(back) << error;
+  EXPECT_EQ(back->modality(), Data::LABEL);
+
+  // An algorithm that changes nothing in place leaves nothing to write but its outputs.
+  auto image = TestKit::makeImage<float>({3, 3, 1}, [](int x, int, int) { return x; });
+  options.algorithm = "Seg.MakeCompatibleLabelMap";
+  options.outDir = dir.file("out2");
+  const auto r2 = Cli::runOnData(options, DataList{image.get()}, {}, nullptr, nullptr);
+  ASSERT_EQ(r2.exitCode, Cli::exitSuccess) << r2.message;
+  EXPECT_EQ(r2.written, std::vector<std::string>{dir.file("out2/Label_Map.mha")});
+}
+
+TEST_F(RunnerTest, UnknownSettingIsReportedAndStatusFailureNamesTheLogLine) {
+  TestKit::ScratchDir dir;
+  TestKit::LogCapture log;
+  auto image = TestKit::makeImage<float>({4, 4, 1}, [](int x, int, int) { return x; });
+  Cli::RunOptions options;
+  options.algorithm = "LabelStatistics";
+  options.outDir = dir.file("out");
+  options.configuration.setRawParam("floatPrecison", "3");
+  options.configuration.setRawParam("floatFormatting", "7");
+  const auto r = Cli::runOnData(options, DataList{image.get()}, {}, nullptr, nullptr);
+  EXPECT_TRUE(log.contains("has no parameter 'floatPrecison'"));
+  EXPECT_EQ(r.exitCode, Cli::exitAlgorithmFailed);
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.message.find("floatFormatting must be 0, 1 or 2, not 7"), std::string::npos) << r.message;
+}
+
+// Must stay the last test of this program: the Ctrl-C flag is not reset.
+TEST_F(RunnerTest, CtrlCCancelsThroughProgressAndWritesNothing) {
+  TestKit::ScratchDir dir;
+  TestKit::LogCapture log;
+  Cli::installInterruptHandler();
+  Cli::ConsoleProgress progress(false);
+  std::raise(SIGINT);
+  for (int i = 0; i < 200 && !progress.isCanceled(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_TRUE(Cli::interrupted());
+  ASSERT_TRUE(progress.isCanceled());
+
+  auto image = TestKit::makeImage<short>({300, 300, 4}, [](int x, int y, int) { return x + y; });
+  Cli::RunOptions options;
+  options.algorithm = "LabelStatistics";
+  options.outDir = dir.file("out");
+  options.configuration.setRawParam("csvPath", "stats.csv");
+  const auto r = Cli::runOnData(options, DataList{image.get()}, {}, &progress, &Cli::interruptFlag());
+  EXPECT_EQ(r.exitCode, Cli::exitCanceled);
+  EXPECT_TRUE(r.written.empty());
+  EXPECT_FALSE(std::filesystem::exists(dir.file("out/stats.csv")));
+}
+
+}  // namespace
