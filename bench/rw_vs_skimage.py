@@ -6,7 +6,7 @@ own process so that peak memory is its own. Accuracy is the largest absolute dif
 object probability from a tightly converged solve of the same system, each method against its
 own (the two weight the edges differently, so their systems differ).
 
-  bench/rw_vs_skimage.py [--size 128] [--solver 3] [--tol-log -3] [--iterations 1000]
+  bench/rw_vs_skimage.py [--size 128] [--solver 2] [--tol-log -8] [--iterations 40]
                          [--build build] [--all-ids]
 
 Needs Debian's python3-skimage, which this script installs when missing; it is not a
@@ -103,9 +103,9 @@ def run_skimage(n, mode, tol, files, out):
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--size", type=int, default=128)
-    ap.add_argument("--solver", type=int, default=3)
-    ap.add_argument("--tol-log", type=int, default=-3)
-    ap.add_argument("--iterations", type=int, default=1000)
+    ap.add_argument("--solver", type=int, default=2)
+    ap.add_argument("--tol-log", type=int, default=-8)
+    ap.add_argument("--iterations", type=int, default=40)
     ap.add_argument("--build", default=os.path.join(os.path.dirname(__file__), "..", "build"))
     ap.add_argument("--all-ids", action="store_true", help="also time every solver id at these settings")
     args = ap.parse_args()

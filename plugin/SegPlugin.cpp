@@ -1,6 +1,5 @@
 #include "SegPlugin.h"
 
-#include "DataComponent.h"
 #include "SegAlgorithmControllerFactory.h"
 #include "SegAlgorithmFactory.h"
 #include "Repository_MerivaneSeg.h"
@@ -10,9 +9,8 @@ namespace Merivane {
 
 SegPlugin::SegPlugin() = default;
 SegPlugin::~SegPlugin() {
+  // The algorithm factory, deleted by the base, takes back its component creator.
   if (repository_) Resource::removeRepository(repository_.get());
-  // The creator lives in this library; the registry outlives it after the library is closed.
-  DataComponentFactory::get().unregisterComponent("ContoursStorageComponent");
 }
 
 std::string SegPlugin::author() const { return "Merivane Segmentation Team"; }

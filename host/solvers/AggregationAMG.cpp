@@ -35,25 +35,25 @@ struct Csr {
 // Greedy pairing with the strongest unpaired neighbour, in node order, so the result is fixed.
 // A node left alone because its neighbours are all taken joins the aggregate of its strongest
 // neighbour, which keeps the coarsening rate near two even where every weight is tiny.
-template <typename Scalar>
-int pairNodes(const Csr<Scalar>& A, std::vector<int>& agg) {
-  agg.assign(static_cast<size_t>(A.n), -1);
-  std::vector<char> single(static_cast<size_t>(A.n), 0);
+// `forRow(i, f)` calls f(j, a_ij) for the entries of row i.
+template <typename Scalar, typename RowFn>
+int pairNodes(int n, RowFn forRow, std::vector<int>& agg) {
+  agg.assign(static_cast<size_t>(n), -1);
+  std::vector<char> single(static_cast<size_t>(n), 0);
   int nc = 0;
-  for (int i = 0; i < A.n; ++i) {
+  for (int i = 0; i < n; ++i) {
     if (agg[static_cast<size_t>(i)] >= 0) continue;
     Scalar maxStrength = 0, best = 0;
     int partner = -1;
-    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
-      const int j = A.inner[k];
-      if (j == i) continue;
-      const Scalar s = -A.values[k];
+    forRow(i, [&](int j, Scalar v) {
+      if (j == i) return;
+      const Scalar s = -v;
       maxStrength = std::max(maxStrength, s);
       if (agg[static_cast<size_t>(j)] < 0 && s > best) {
         best = s;
         partner = j;
       }
-    }
+    });
     agg[static_cast<size_t>(i)] = nc;
     if (partner >= 0 && best >= static_cast<Scalar>(kStrength) * maxStrength)
       agg[static_cast<size_t>(partner)] = nc;
@@ -63,18 +63,17 @@ int pairNodes(const Csr<Scalar>& A, std::vector<int>& agg) {
   }
   // Attach singles, then number the aggregates that remain densely.
   std::vector<int> alive(static_cast<size_t>(nc), 1);
-  for (int i = 0; i < A.n; ++i) {
+  for (int i = 0; i < n; ++i) {
     if (!single[static_cast<size_t>(i)]) continue;
     Scalar maxStrength = 0;
     int target = -1;
-    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
-      const int j = A.inner[k];
-      if (j == i || single[static_cast<size_t>(j)]) continue;
-      if (-A.values[k] > maxStrength) {
-        maxStrength = -A.values[k];
+    forRow(i, [&](int j, Scalar v) {
+      if (j == i || single[static_cast<size_t>(j)]) return;
+      if (-v > maxStrength) {
+        maxStrength = -v;
         target = j;
       }
-    }
+    });
     if (target >= 0) {
       alive[static_cast<size_t>(agg[static_cast<size_t>(i)])] = 0;
       agg[static_cast<size_t>(i)] = agg[static_cast<size_t>(target)];
@@ -87,18 +86,22 @@ int pairNodes(const Csr<Scalar>& A, std::vector<int>& agg) {
   return m;
 }
 
+// Members of each aggregate, in node order: members[start[I] .. start[I + 1]).
+void groupMembers(const std::vector<int>& agg, int nc, std::vector<int>& start, std::vector<int>& members) {
+  start.assign(static_cast<size_t>(nc) + 1, 0);
+  members.resize(agg.size());
+  for (int a : agg) ++start[static_cast<size_t>(a) + 1];
+  for (size_t I = 1; I < start.size(); ++I) start[I] += start[I - 1];
+  std::vector<int> fill(start.begin(), start.end() - 1);
+  for (size_t i = 0; i < agg.size(); ++i) members[static_cast<size_t>(fill[static_cast<size_t>(agg[i])]++)] = static_cast<int>(i);
+}
+
 // Galerkin product with piecewise-constant interpolation: Ac(I, J) = sum of A(i, j) over the
 // members i of I and j of J. Each coarse row is merged from its members' rows in a fixed order.
 template <typename Scalar>
 Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
-  // Members of each aggregate, in node order.
-  std::vector<int> start(static_cast<size_t>(nc) + 1, 0), members(static_cast<size_t>(A.n));
-  for (int i = 0; i < A.n; ++i) ++start[static_cast<size_t>(agg[static_cast<size_t>(i)]) + 1];
-  for (size_t I = 1; I < start.size(); ++I) start[I] += start[I - 1];
-  {
-    std::vector<int> fill(start.begin(), start.end() - 1);
-    for (int i = 0; i < A.n; ++i) members[static_cast<size_t>(fill[static_cast<size_t>(agg[static_cast<size_t>(i)])]++)] = i;
-  }
+  std::vector<int> start, members;
+  groupMembers(agg, nc, start, members);
   // Accumulates through a per-thread position table, then orders the row's few columns.
   struct Scratch {
     std::vector<int> pos;
@@ -200,24 +203,41 @@ void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, co
     L.r.resize(static_cast<size_t>(ln));
     if (ln <= kCoarsestSize || static_cast<int>(levels_.size()) >= kMaxLevels) break;
 
-    // Two rounds of pairing give aggregates of up to four nodes.
+    // Two rounds of pairing give aggregates of up to four nodes. The second round pairs on the
+    // Galerkin matrix of the first, whose rows are merged when needed rather than stored: on
+    // the finest level that matrix would be the largest allocation of the whole setup.
     std::vector<int> agg1, agg2;
-    const int n1 = pairNodes(L.A, agg1);
-    Csr<Scalar> A1 = coarsen(L.A, agg1, n1);
-    const int n2 = pairNodes(A1, agg2);
+    const Csr<Scalar>& A = L.A;
+    const int n1 = pairNodes<Scalar>(ln, [&](int i, auto&& f) {
+      for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) f(A.inner[k], A.values[k]);
+    }, agg1);
+    std::vector<int> start1, members1;
+    groupMembers(agg1, n1, start1, members1);
+    std::vector<int> pos(static_cast<size_t>(n1), -1);
+    std::vector<std::pair<int, Scalar>> row;
+    const int n2 = pairNodes<Scalar>(n1, [&](int I, auto&& f) {
+      row.clear();
+      for (int m = start1[static_cast<size_t>(I)]; m < start1[static_cast<size_t>(I) + 1]; ++m) {
+        const int i = members1[static_cast<size_t>(m)];
+        for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+          const int J = agg1[static_cast<size_t>(A.inner[k])];
+          int& p = pos[static_cast<size_t>(J)];
+          if (p < 0) {
+            p = static_cast<int>(row.size());
+            row.emplace_back(J, A.values[k]);
+          } else {
+            row[static_cast<size_t>(p)].second += A.values[k];
+          }
+        }
+      }
+      for (auto& e : row) pos[static_cast<size_t>(e.first)] = -1;
+      for (auto& [J, v] : row) f(J, v);
+    }, agg2);
     if (n2 > ln * 0.85) break;  // coarsening stalled: solve here
-    Csr<Scalar> A2 = coarsen(A1, agg2, n2);
     L.agg.resize(static_cast<size_t>(ln));
     for (int i = 0; i < ln; ++i) L.agg[static_cast<size_t>(i)] = agg2[static_cast<size_t>(agg1[static_cast<size_t>(i)])];
-    L.aggStart.assign(static_cast<size_t>(n2) + 1, 0);
-    L.aggMembers.resize(static_cast<size_t>(ln));
-    for (int i = 0; i < ln; ++i) ++L.aggStart[static_cast<size_t>(L.agg[static_cast<size_t>(i)]) + 1];
-    for (size_t I = 1; I < L.aggStart.size(); ++I) L.aggStart[I] += L.aggStart[I - 1];
-    {
-      std::vector<int> fill(L.aggStart.begin(), L.aggStart.end() - 1);
-      for (int i = 0; i < ln; ++i)
-        L.aggMembers[static_cast<size_t>(fill[static_cast<size_t>(L.agg[static_cast<size_t>(i)])]++)] = i;
-    }
+    Csr<Scalar> A2 = coarsen(L.A, L.agg, n2);
+    groupMembers(L.agg, n2, L.aggStart, L.aggMembers);
     L.bc.resize(static_cast<size_t>(n2));
     L.xc.resize(static_cast<size_t>(n2));
     auto next = std::make_unique<Level>();
