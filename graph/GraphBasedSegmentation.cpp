@@ -11,6 +11,7 @@
 #include "GraphLaplacianAlgorithm.h"
 #include "ImageComponents.h"
 #include "ImageProcessing.h"
+#include "Interpolation.h"
 #include "Log.h"
 #include "MarchingCubes.h"
 #include "MarchingSquares.h"
@@ -45,23 +46,9 @@ std::shared_ptr<SharedImage> cloneFrame(const SharedImage& frame, const Eigen::M
 
 // Linear sample of channel 0 at a continuous pixel position, clamped to the image.
 float sampleLinear(const TypedImage<float>& img, const Eigen::Vector3d& p) {
-  const Eigen::Vector3i d = img.dimensions();
-  int i0[3], i1[3];
-  double f[3];
-  for (int k = 0; k < 3; ++k) {
-    const double c = std::clamp(p[k], 0.0, static_cast<double>(d[k] - 1));
-    i0[k] = static_cast<int>(std::floor(c));
-    i1[k] = std::min(i0[k] + 1, d[k] - 1);
-    f[k] = c - i0[k];
-  }
-  double acc = 0.0;
-  for (int corner = 0; corner < 8; ++corner) {
-    const double w =
-        (corner & 1 ? f[0] : 1 - f[0]) * (corner & 2 ? f[1] : 1 - f[1]) * (corner & 4 ? f[2] : 1 - f[2]);
-    if (w == 0.0) continue;
-    acc += w * img.value(corner & 1 ? i1[0] : i0[0], corner & 2 ? i1[1] : i0[1], corner & 4 ? i1[2] : i0[2]);
-  }
-  return static_cast<float>(acc);
+  const double q[3] = {p[0], p[1], p[2]};
+  return static_cast<float>(Interpolation::interpolate(
+      Interpolation::stencil(q, img.dimensions()), [&](int x, int y, int z) { return img.value(x, y, z); }));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Image.h"
+#include "Interpolation.h"
 
 namespace Merivane::ImageProcessing {
 
@@ -184,21 +185,12 @@ std::unique_ptr<MemImage> createResampled(const MemImage& image, const Eigen::Ve
             for (int c = 0; c < C; ++c) dst[c] = s[c];
             continue;
           }
-          int i0[3], i1[3];
-          double f[3];
-          for (int k = 0; k < 3; ++k) {
-            const double q = std::clamp(p[k], 0.0, static_cast<double>(dims[k] - 1));
-            i0[k] = static_cast<int>(std::floor(q));
-            i1[k] = std::min(i0[k] + 1, dims[k] - 1);
-            f[k] = q - i0[k];
-          }
+          const double q[3] = {p[0], p[1], p[2]};
+          const Interpolation::Stencil st = Interpolation::stencil(q, dims);
           for (int c = 0; c < C; ++c) {
-            double acc = 0.0;
-            for (int corner = 0; corner < 8; ++corner) {
-              const int cx = corner & 1 ? i1[0] : i0[0], cy = corner & 2 ? i1[1] : i0[1], cz = corner & 4 ? i1[2] : i0[2];
-              const double w = (corner & 1 ? f[0] : 1 - f[0]) * (corner & 2 ? f[1] : 1 - f[1]) * (corner & 4 ? f[2] : 1 - f[2]);
-              if (w != 0.0) acc += w * static_cast<double>(in[((static_cast<size_t>(cz) * dims[1] + cy) * dims[0] + cx) * C + c]);
-            }
+            const double acc = Interpolation::interpolate(st, [&](int cx, int cy, int cz) {
+              return static_cast<double>(in[((static_cast<size_t>(cz) * dims[1] + cy) * dims[0] + cx) * C + c]);
+            });
             dst[c] = toElement<T>(acc);
           }
         }

@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 
+#include "Interpolation.h"
 #include "SharedImage.h"
 
 namespace Merivane {
@@ -150,24 +151,11 @@ void ImagePyramid::propagateUp(int index) {
         for (int y = 0; y < fd[1]; ++y)
           for (int x = 0; x < fd[0]; ++x) {
             const double q[3] = {(x + 0.5) * ratio[0] - 0.5, (y + 0.5) * ratio[1] - 0.5, (z + 0.5) * ratio[2] - 0.5};
-            int i0[3], i1[3];
-            double f[3];
-            for (int k = 0; k < 3; ++k) {
-              const double c = std::clamp(q[k], 0.0, static_cast<double>(cd[k] - 1));
-              i0[k] = nearest ? static_cast<int>(std::lround(c)) : static_cast<int>(std::floor(c));
-              i1[k] = std::min(i0[k] + 1, cd[k] - 1);
-              f[k] = nearest ? 0.0 : c - i0[k];
-            }
+            const Interpolation::Stencil st = Interpolation::stencil(q, cd, nearest);
             for (int c = 0; c < C; ++c) {
-              double acc = 0.0;
-              for (int corner = 0; corner < 8; ++corner) {
-                const double w = (corner & 1 ? f[0] : 1 - f[0]) * (corner & 2 ? f[1] : 1 - f[1]) *
-                                 (corner & 4 ? f[2] : 1 - f[2]);
-                if (w == 0.0) continue;
-                const int cx = corner & 1 ? i1[0] : i0[0], cy = corner & 2 ? i1[1] : i0[1],
-                          cz = corner & 4 ? i1[2] : i0[2];
-                acc += w * static_cast<double>(p[((static_cast<size_t>(cz) * cd[1] + cy) * cd[0] + cx) * IC + c]);
-              }
+              const double acc = Interpolation::interpolate(st, [&](int cx, int cy, int cz) {
+                return static_cast<double>(p[((static_cast<size_t>(cz) * cd[1] + cy) * cd[0] + cx) * IC + c]);
+              });
               o[((static_cast<size_t>(z) * fd[1] + y) * fd[0] + x) * OC + c] = static_cast<T>(acc);
             }
           }
