@@ -7,6 +7,7 @@
 #endif
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <bit>
 #include <cmath>
@@ -123,7 +124,11 @@ struct Queue {
 // one cache line), so that a pop mostly reads the cache line of the previous one:
 // the flooding order hops across the volume and single recycled nodes would scatter every
 // queue over the whole vector. A chunk goes back to the free chain when its last node is
-// popped; the free chain holds whole chunks only, each linked in ascending order.
+// popped; the free chain links chunks through the `next` of their last node.
+//
+// Which queue a voxel goes to, and whether a chunk is full, follow the noise of the image, so
+// push and pop are written without branches: a mispredicted branch costs about as much as the
+// rest of a push. The caller keeps enough chunks free for one pop's pushes (ensureFree).
 class Queues {
  public:
   static constexpr uint32_t kChunk = 8;
@@ -138,16 +143,26 @@ class Queues {
     }
   }
 
+  // At least `chunks` free chunks, so that as many pushes need no growth.
+  void ensureFree(uint32_t chunks) {
+    while (freeChunks_ < chunks) grow();
+  }
+
+  // Appends `pos` to queue `priority`; needs a free chunk.
   void push(int priority, int32_t pos) {
     Queue& q = queues_[priority];
-    uint32_t node = q.last + 1;
-    if (q.last == 0 || slot(node) == 0) node = takeChunk();
     WSNode* n = nodes_.data();
+    const uint32_t last = q.last;
+    const bool fresh = (last == 0) | (slot(last + 1) == 0);
+    const uint32_t chunk = free_;
+    const uint32_t node = fresh ? chunk : last + 1;
+    free_ = fresh ? n[chunk + kChunk - 1].next : chunk;
+    freeChunks_ -= fresh;
     n[node] = {0, pos};
     // With last == 0 this writes the sentinel's link, which nobody reads; a drained queue
     // keeps its part-used chunk, whose popped nodes are read no more either.
-    n[q.last].next = node;
-    if (q.first == 0) q.first = node;
+    n[last].next = node;
+    q.first = q.first == 0 ? node : q.first;
     q.last = node;
   }
 
@@ -157,52 +172,46 @@ class Queues {
     Queue& q = queues_[priority];
     WSNode* n = nodes_.data();
     const uint32_t node = q.first;
-    const int32_t pos = n[node].pos;
-    q.first = n[node].next;
-    if (cursors_[priority] == node) cursors_[priority] = 0;  // it never points at a popped node
-    if (slot(node) == kChunk - 1) {
-      const uint32_t chunk = node - (kChunk - 1);
-      for (uint32_t i = chunk; i < node; ++i) n[i].next = i + 1;
-      n[node].next = free_;
-      free_ = chunk;
-      if (q.first == 0) q.last = 0;  // the chunk of `last` is free now
-    }
-    return pos;
+    const WSNode head = n[node];
+    q.first = head.next;
+    cursors_[priority] = cursors_[priority] == node ? 0 : cursors_[priority];  // never at a popped node
+    // The last node of a chunk hands the whole chunk back.
+    const bool end = slot(node) == kChunk - 1;
+    n[node].next = end ? free_ : head.next;
+    free_ = end ? node - (kChunk - 1) : free_;
+    freeChunks_ += end;
+    q.last = (end & (head.next == 0)) ? 0 : q.last;  // the chunk of `last` is free now
+    return head.pos;
   }
 
   // A position some pops further on in queue `priority`, to be called after each pop from that
   // queue: each queue keeps a cursor up to kAhead nodes ahead of its head, which moves on one
   // node per pop and waits at the tail when the queue is short; coming back to a queue after
-  // a detour through lower ones therefore costs no walk. On entering a chunk it also fetches
-  // the next one, so that the cursor finds it in cache.
+  // a detour through lower ones therefore costs no walk. It also fetches the chunk after the
+  // cursor's, so that the cursor finds it in cache.
   int32_t lookAhead(int priority) {
     const WSNode* n = nodes_.data();
     uint32_t node = cursors_[priority];
     if (node != 0) {
-      if (n[node].next != 0) node = n[node].next;
+      const uint32_t next = n[node].next;
+      node = next != 0 ? next : node;
     } else {
       node = queues_[priority].first;
       if (node == 0) return -1;
       for (int i = 0; i < kAhead && n[node].next != 0; ++i) node = n[node].next;
     }
     cursors_[priority] = node;
-    if (slot(node) == 0) __builtin_prefetch(&n[n[node + kChunk - 1].next]);
+    __builtin_prefetch(&n[n[node + (kChunk - 1 - slot(node))].next]);
     return n[node].pos;
   }
 
  private:
-  uint32_t takeChunk() {
-    if (free_ == 0) grow();
-    const uint32_t chunk = free_;
-    free_ = nodes_[chunk + kChunk - 1].next;
-    return chunk;
-  }
-
   // Where a node lies in its chunk. Chunks start at a cache line, which the first growth
   // fixes; should the vector move later, they only straddle lines.
   uint32_t slot(uint32_t node) const { return (node + shift_) % kChunk; }
 
-  // allocWSNodes chains the new nodes in ascending order; the chain is cut to whole chunks.
+  // allocWSNodes chains the new nodes in ascending order; whole chunks of them join the free
+  // chain.
   void grow() {
     const bool first = nodes_.empty();
     const uint32_t from = allocWSNodes(nodes_);
@@ -213,19 +222,20 @@ class Queues {
     const auto size = static_cast<uint32_t>(nodes_.size());
     const uint32_t begin = from + (kChunk - slot(from)) % kChunk;
     const uint32_t end = size - slot(size);
-    if (end <= begin) {
-      grow();
-      return;
+    // From the top down, so that the chunks are handed out in ascending order.
+    for (uint32_t c = end; c >= begin + kChunk; c -= kChunk) {
+      nodes_[c - 1].next = free_;
+      free_ = c - kChunk;
+      ++freeChunks_;
     }
-    nodes_[end - 1].next = 0;
-    free_ = begin;
   }
 
-  static constexpr int kAhead = 12;
+  static constexpr int kAhead = 32;
 
   std::vector<WSNode> nodes_;
-  uint32_t free_ = 0;   // first node of the first free chunk
-  uint32_t shift_ = 0;  // makes slot() count from a cache line
+  uint32_t free_ = 0;        // first node of the first free chunk
+  uint32_t freeChunks_ = 0;  // chunks on the free chain
+  uint32_t shift_ = 0;       // makes slot() count from a cache line
   Queue queues_[256];
   uint32_t cursors_[256] = {};
 };
@@ -295,11 +305,24 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
         int best = 255;
         for (int k = 0; k < K; ++k)
           if (isLabel(lab[p + off[k]])) best = best - kPositive[best - diff(p, p + off[k])];
+        queues.ensureFree(1);
         queues.push(best, p);
         lab[p] = kQueued;
         ++pushed;
       }
     }
+
+  // Cache lines fetched for a voxel some pops ahead: its own, those of its neighbours across
+  // rows and slices, and the ring beyond them: a neighbour pushed below the active priority is
+  // popped at once, and then needs its own neighbours.
+  const auto lines = [&] {
+    if constexpr (ThreeD)
+      return std::array<int32_t, 13>{0, -sy, sy, -sz, sz, -2 * sy, 2 * sy, -2 * sz, 2 * sz, -sy - sz, -sy + sz, sy - sz, sy + sz};
+    else
+      return std::array<int32_t, 5>{0, -sy, sy, -2 * sy, 2 * sy};
+  }();
+  // Neighbour offsets by bit of the packed neighbourhood below; bit 1 is the voxel itself.
+  const int32_t bitOff[7] = {-1, 0, 1, -sy, sy, ThreeD ? -sz : 0, ThreeD ? sz : 0};
 
   Progress::Task task(progress, 105, "Computing...");
   int active = 0;
@@ -320,17 +343,24 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
     }
     const int32_t p = queues.pop(active);
     ++popped;
+    queues.ensureFree(K);
     // The flooding order hops across the volume; fetching the neighbourhood of a voxel some pops
     // ahead hides most of the cache misses.
     if (const int32_t ahead = queues.lookAhead(active); ahead >= 0) {
-      fetchLines<C>(lab, src, channels, ahead);
-      fetchAcross<C, ThreeD>(lab, src, channels, ahead, sy, sz);
+      for (int32_t o : lines) {
+        __builtin_prefetch(lab + ahead + o);
+        __builtin_prefetch(src + static_cast<ptrdiff_t>(ahead + o) * (C > 0 ? C : channels));
+      }
     }
 
+    // The row's three bytes -x, the voxel itself (queued, so neither a label nor unreached) and
+    // +x come in one load; the byte after them lies in the image, since p is an interior voxel.
     const unsigned char* at = lab + p;
-    uint64_t packed = at[-1] | at[1] << 8 | at[-sy] << 16 | static_cast<uint64_t>(at[sy]) << 24;
-    if constexpr (ThreeD) packed |= static_cast<uint64_t>(at[-sz]) << 32 | static_cast<uint64_t>(at[sz]) << 40;
-    auto [high, lowLess1, unreached] = summarize(packed, K);
+    uint32_t row;
+    std::memcpy(&row, at - 1, 4);
+    uint64_t packed = (row & 0xFFFFFFu) | static_cast<uint64_t>(at[-sy]) << 24 | static_cast<uint64_t>(at[sy]) << 32;
+    if constexpr (ThreeD) packed |= static_cast<uint64_t>(at[-sz]) << 40 | static_cast<uint64_t>(at[sz]) << 48;
+    auto [high, lowLess1, unreached] = summarize(packed, K + 1);
     if (high != 0 && lowLess1 + 1 != high) {
       lab[p] = kLine;  // a line neighbours two labels and floods nothing
       continue;
@@ -338,10 +368,11 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
     lab[p] = static_cast<unsigned char>(high);
 
     for (; unreached != 0; unreached &= unreached - 1) {
-      const int32_t q = p + off[std::countr_zero(unreached)];
+      const int32_t q = p + bitOff[std::countr_zero(unreached)];
       const int t = diff(p, q);
       queues.push(t, q);
-      if (t < active) fetchAcross<C, ThreeD>(lab, src, channels, q, sy, sz);  // popped next, unforeseen
+      // Popped next, unforeseen by the look-ahead: fetch its neighbourhood now.
+      fetchAcross<C, ThreeD>(lab, src, channels, t < active ? q : p, sy, sz);
       lab[q] = kQueued;  // label on push, not on pop: each voxel enters a queue once
       ++pushed;
       active = active - kPositive[active - t];
