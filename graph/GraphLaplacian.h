@@ -44,6 +44,8 @@ class GraphLaplacian : public Configurable {
   Parameter<double> adaptiveness{"Adaptiveness", 100.0, this};
 
  protected:
+  friend class GraphLaplacianAlgorithm;  // lends the Laplacian's storage to the reduced system
+
   // Negated column sums on the diagonal; called once after all off-diagonal entries are in.
   void fillLaplacianDiagonal();
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <optional>
 
 #include "GraphLaplacianImage.h"
 #include "ImageProcessing.h"
@@ -146,20 +147,31 @@ std::unique_ptr<LinearSolver> GraphLaplacianAlgorithm::createSolver(int id) cons
 
 Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
   const auto start = Clock::now();
-  const GraphLaplacian& g = *graph_;
+  GraphLaplacian& g = *graph_;
   const Eigen::Index nU = static_cast<Eigen::Index>(g.unknownIndices().size());
   if (verbose) LOG_INFO(kCategory, g.seedIndices().size() << " labelled pixels / " << nU << " unknowns");
 
-  ReducedSystem system = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
-  SparseMatrixF& A = system.A;
-  Eigen::VectorXf& b = system.b;
+  // The system borrows the Laplacian's storage for the solve, so that the two matrices, each
+  // the largest allocation of a segmentation, are never held at once; the graph gets its
+  // Laplacian back unchanged when `borrowed` goes. A Laplacian that cannot lend is copied from.
+  std::optional<BorrowedSystem> borrowed;
+  ReducedSystem copied;
+  if (BorrowedSystem::canBorrow(g.laplacian_))
+    borrowed.emplace(g.laplacian_, g.seedIndices(), g.unknownIndices(), g.seedValues());
+  else
+    copied = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
+  SparseMatrixF& A = borrowed ? borrowed->A : copied.A;
+  Eigen::VectorXf& b = borrowed ? borrowed->b : copied.b;
 
   if (prior) {
     const float gamma = priorWeight.value() / 10000.0f;
     Eigen::VectorXf p = g.generateVectorFromImage(*prior);
     float pmax = 0.0f;
     for (Eigen::Index k = 0; k < p.size(); ++k) pmax = std::max(pmax, p[k]);
-    addToDiagonal(A, gamma);
+    if (borrowed)
+      borrowed->addToDiagonal(gamma);
+    else
+      addToDiagonal(A, gamma);
     const float factor = gamma * (1.0f / pmax);
     for (Eigen::Index k = 0; k < nU; ++k) b[k] += p[k] * factor;
   }
@@ -174,21 +186,22 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
   }
   solver->verbose = verbose.value();
 
-  Eigen::VectorXf guess;
+  // Without a previous solution the guess is b itself, not a copy of it.
+  Eigen::VectorXf reused;
   const Eigen::Index prevSize = previousSolution_.size();
-  if (!reuseSolution.value() || prevSize == 1) {
-    guess = b;
-  } else {
+  const bool reuse = reuseSolution.value() && prevSize != 1;
+  if (reuse) {
     if (verbose) LOG_INFO(kCategory, "Re-using previous solution (" << prevSize << " / " << nU << ")");
     if (prevSize == nU) {
-      guess = previousSolution_;
+      reused = previousSolution_;
     } else if (prevSize > nU) {
-      guess = previousSolution_.head(nU);
+      reused = previousSolution_.head(nU);
     } else {
-      guess = b;
-      guess.head(prevSize) = previousSolution_;
+      reused = b;
+      reused.head(prevSize) = previousSolution_;
     }
   }
+  const Eigen::VectorXf& guess = reuse ? reused : b;
 
   solver->solve(A, b, x, guess);
   lastIterations_ = solver->lastIterations();

@@ -116,4 +116,172 @@ void addToDiagonal(SparseMatrixF& A, float value) {
   if (!missing.empty()) A.makeCompressed();
 }
 
+bool BorrowedSystem::canBorrow(const SparseMatrixF& L) {
+  if (!L.isCompressed()) return false;
+  const int n = static_cast<int>(L.cols());
+  const int* outer = L.outerIndexPtr();
+  const int* inner = L.innerIndexPtr();
+  bool sorted = true;
+#pragma omp parallel for schedule(static) reduction(&& : sorted) if (n > 65536)
+  for (int c = 0; c < n; ++c)
+    for (int j = outer[c] + 1; j < outer[c + 1]; ++j) sorted = sorted && inner[j - 1] < inner[j];
+  return sorted;
+}
+
+BorrowedSystem::BorrowedSystem(SparseMatrixF& L, const std::vector<uint64_t>& seedIndices,
+                               const std::vector<uint64_t>& unknownIndices, const std::vector<float>& seedValues)
+    : L_(&L), unknown_(unknownIndices) {
+  const int n = static_cast<int>(L.cols());
+  const int nU = static_cast<int>(unknownIndices.size());
+  const int nS = static_cast<int>(seedIndices.size());
+  A.resize(nU, nU);
+  b = Eigen::VectorXf::Zero(nU);
+
+  // Everything is allocated before the first entry moves, so that nothing can fail halfway.
+  // place >= 0: position among the unknowns; place < 0: seed number -place - 1.
+  std::vector<int> place(static_cast<size_t>(n));
+#pragma omp parallel for schedule(static) if (nU > 65536)
+  for (int k = 0; k < nU; ++k) place[unknownIndices[static_cast<size_t>(k)]] = k;
+#pragma omp parallel for schedule(static) if (nS > 65536)
+  for (int s = 0; s < nS; ++s) place[seedIndices[static_cast<size_t>(s)]] = -s - 1;
+  const int* outer = L.outerIndexPtr();
+  int* inner = L.innerIndexPtr();
+  float* values = L.valuePtr();
+  size_t saved = 0;
+#pragma omp parallel for schedule(static) reduction(+ : saved) if (n > 65536)
+  for (int c = 0; c < n; ++c) {
+    if (place[static_cast<size_t>(c)] < 0) {
+      saved += static_cast<size_t>(outer[c + 1] - outer[c]);
+    } else {
+      for (int j = outer[c]; j < outer[c + 1]; ++j) saved += place[static_cast<size_t>(inner[j])] < 0;
+    }
+  }
+  savedRows_.reserve(saved);
+  savedValues_.reserve(saved);
+
+  // One pass in storage order. Column k of A is column unknownIndices[k] of L less its seed
+  // rows, so A's entries never run ahead of L's: each is written at or before the place it is
+  // read from, and after everything before that place has been read.
+  int* aOuter = A.outerIndexPtr();
+  int dst = 0;
+  int k = 0;
+  for (int c = 0; c < n; ++c) {
+    if (place[static_cast<size_t>(c)] < 0) {
+      for (int j = outer[c]; j < outer[c + 1]; ++j) {
+        savedRows_.push_back(inner[j]);
+        savedValues_.push_back(values[j]);
+      }
+      continue;
+    }
+    aOuter[k] = dst;
+    float rhs = 0.0f;
+    for (int j = outer[c]; j < outer[c + 1]; ++j) {
+      const int row = inner[j];
+      const float v = values[j];
+      const int p = place[static_cast<size_t>(row)];
+      if (p >= 0) {
+        inner[dst] = p;
+        values[dst] = v;
+        ++dst;
+      } else {
+        savedRows_.push_back(row);
+        savedValues_.push_back(v);
+        // L is symmetric: L(c, seed) is stored in column c at the seed's row.
+        rhs += v * seedValues[static_cast<size_t>(-p - 1)];
+      }
+    }
+    b[k] = -rhs;
+    ++k;
+  }
+  aOuter[nU] = dst;
+  A.data().swap(L.data());
+  A.data().resize(dst);
+}
+
+void BorrowedSystem::addToDiagonal(float value) {
+  if (!L_) {
+    Merivane::addToDiagonal(A, value);
+    return;
+  }
+  const int nU = static_cast<int>(A.cols());
+  const int* outer = A.outerIndexPtr();
+  const int* inner = A.innerIndexPtr();
+  bool complete = true;
+#pragma omp parallel for schedule(static) reduction(&& : complete) if (nU > 65536)
+  for (int c = 0; c < nU; ++c) {
+    const int* hit = std::lower_bound(inner + outer[c], inner + outer[c + 1], c);
+    complete = complete && hit != inner + outer[c + 1] && *hit == c;
+  }
+  if (!complete) {
+    SparseMatrixF own = A;
+    giveBack();
+    A = std::move(own);
+    Merivane::addToDiagonal(A, value);
+    return;
+  }
+  diagonal_.resize(static_cast<size_t>(nU));
+  float* values = A.valuePtr();
+#pragma omp parallel for schedule(static) if (nU > 65536)
+  for (int c = 0; c < nU; ++c) {
+    const auto j = std::lower_bound(inner + outer[c], inner + outer[c + 1], c) - inner;
+    diagonal_[static_cast<size_t>(c)] = values[j];
+    values[j] += value;
+  }
+}
+
+BorrowedSystem::~BorrowedSystem() { giveBack(); }
+
+void BorrowedSystem::giveBack() {
+  if (!L_) return;
+  SparseMatrixF& L = *L_;
+  L_ = nullptr;
+  const int n = static_cast<int>(L.cols());
+  const int nU = static_cast<int>(A.cols());
+  const int* aOuter = A.outerIndexPtr();
+  int* inner = A.innerIndexPtr();
+  float* values = A.valuePtr();
+  if (!diagonal_.empty()) {
+    for (int c = 0; c < nU; ++c) {
+      const auto j = std::lower_bound(inner + aOuter[c], inner + aOuter[c + 1], c) - inner;
+      values[j] = diagonal_[static_cast<size_t>(c)];
+    }
+  }
+  // The first pass backwards: every column is merged, from its last row down, out of A's
+  // column (rows mapped back) and the side list, and written at its old place, which lies at
+  // or after everything still to be read.
+  const int* outer = L.outerIndexPtr();
+  A.data().resize(outer[n]);
+  inner = A.innerIndexPtr();
+  values = A.valuePtr();
+  auto s = static_cast<ptrdiff_t>(savedRows_.size()) - 1;
+  int k = nU - 1;
+  for (int c = n - 1; c >= 0; --c) {
+    const bool unknown = k >= 0 && unknown_[static_cast<size_t>(k)] == static_cast<uint64_t>(c);
+    int a = unknown ? aOuter[k + 1] - 1 : -1;
+    const int aBegin = unknown ? aOuter[k] : 0;
+    int savedLeft = outer[c + 1] - outer[c] - (unknown ? aOuter[k + 1] - aOuter[k] : 0);
+    for (int w = outer[c + 1] - 1; w >= outer[c]; --w) {
+      const int aRow = a >= aBegin ? static_cast<int>(unknown_[static_cast<size_t>(inner[a])]) : -1;
+      if (savedLeft > 0 && savedRows_[static_cast<size_t>(s)] > aRow) {
+        inner[w] = savedRows_[static_cast<size_t>(s)];
+        values[w] = savedValues_[static_cast<size_t>(s)];
+        --s;
+        --savedLeft;
+      } else {
+        const float v = values[a];
+        inner[w] = aRow;
+        values[w] = v;
+        --a;
+      }
+    }
+    if (unknown) --k;
+  }
+  L.data().swap(A.data());
+  A.resize(0, 0);
+  A.data().squeeze();
+  savedRows_ = {};
+  savedValues_ = {};
+  diagonal_ = {};
+}
+
 }  // namespace Merivane

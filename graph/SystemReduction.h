@@ -27,4 +27,39 @@ ReducedSystem reduceSystemByProducts(const Eigen::SparseMatrix<float, Eigen::Col
 // Adds `value` to every diagonal entry, inserting those that are missing.
 void addToDiagonal(Eigen::SparseMatrix<float, Eigen::ColMajor, int>& A, float value);
 
+// The reduced system built inside the Laplacian's own entry storage, which it borrows for its
+// lifetime, so that a solve holds one matrix instead of two. The Laplacian keeps its shape and
+// outer index meanwhile, but none of its entries; they come back bit for bit when this object
+// is destroyed. The entries in seed rows and columns wait in a side list (a few per seed).
+// Needs a compressed Laplacian with ascending rows in every column (canBorrow).
+class BorrowedSystem {
+ public:
+  using SparseMatrixF = Eigen::SparseMatrix<float, Eigen::ColMajor, int>;
+
+  static bool canBorrow(const SparseMatrixF& L);
+
+  BorrowedSystem(SparseMatrixF& L, const std::vector<uint64_t>& seedIndices,
+                 const std::vector<uint64_t>& unknownIndices, const std::vector<float>& seedValues);
+  ~BorrowedSystem();
+  BorrowedSystem(const BorrowedSystem&) = delete;
+  BorrowedSystem& operator=(const BorrowedSystem&) = delete;
+
+  // Adds `value` to every diagonal entry of A; the Laplacian's diagonal comes back unchanged.
+  // Should an entry be missing, A first becomes a copy of its own and the Laplacian is given
+  // back at once.
+  void addToDiagonal(float value);
+
+  SparseMatrixF A;
+  Eigen::VectorXf b;
+
+ private:
+  void giveBack();
+
+  SparseMatrixF* L_;  // null once given back
+  const std::vector<uint64_t>& unknown_;
+  std::vector<int> savedRows_;  // entries in a seed row or column, in storage order
+  std::vector<float> savedValues_;
+  std::vector<float> diagonal_;  // A's diagonal before addToDiagonal, when it was called
+};
+
 }  // namespace Merivane

@@ -168,8 +168,7 @@ template <typename Scalar>
 struct AggregationAMG<Scalar>::Level {
   Csr<Scalar> A;
   std::vector<Scalar> invDiag;
-  std::vector<int> agg;  // node -> aggregate of the next level
-  std::vector<int> aggStart, aggMembers;
+  std::vector<int> aggStart, aggMembers;  // members of each aggregate of the next level
   mutable std::vector<Scalar> r, bc, xc;  // work vectors
 };
 
@@ -185,6 +184,7 @@ AggregationAMG<Scalar>& AggregationAMG<Scalar>::operator=(AggregationAMG&&) noex
 template <typename Scalar>
 void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, const Scalar* values) {
   levels_.clear();
+  size_ = n;
   auto first = std::make_unique<Level>();
   first->A.n = n;
   first->A.outer = outer;
@@ -234,10 +234,16 @@ void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, co
       for (auto& [J, v] : row) f(J, v);
     }, agg2);
     if (n2 > ln * 0.85) break;  // coarsening stalled: solve here
-    L.agg.resize(static_cast<size_t>(ln));
-    for (int i = 0; i < ln; ++i) L.agg[static_cast<size_t>(i)] = agg2[static_cast<size_t>(agg1[static_cast<size_t>(i)])];
-    Csr<Scalar> A2 = coarsen(L.A, L.agg, n2);
-    groupMembers(L.agg, n2, L.aggStart, L.aggMembers);
+    // Node to aggregate serves the setup only; the cycle goes by the members of each aggregate.
+    std::vector<int> agg(static_cast<size_t>(ln));
+    for (int i = 0; i < ln; ++i) agg[static_cast<size_t>(i)] = agg2[static_cast<size_t>(agg1[static_cast<size_t>(i)])];
+    agg1 = {};
+    agg2 = {};
+    start1 = {};
+    members1 = {};
+    pos = {};
+    Csr<Scalar> A2 = coarsen(L.A, agg, n2);
+    groupMembers(agg, n2, L.aggStart, L.aggMembers);
     L.bc.resize(static_cast<size_t>(n2));
     L.xc.resize(static_cast<size_t>(n2));
     auto next = std::make_unique<Level>();
@@ -293,9 +299,10 @@ void AggregationAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
     bc[I] = s;
   }
   cycle(l + 1, bc, xc);
-  const int* agg = L.agg.data();
-#pragma omp parallel for schedule(static) if (par)
-  for (int i = 0; i < n; ++i) x[i] += xc[agg[i]];
+#pragma omp parallel for schedule(static) if (nc > 16384)
+  for (int I = 0; I < nc; ++I)
+    for (int m = L.aggStart[static_cast<size_t>(I)]; m < L.aggStart[static_cast<size_t>(I) + 1]; ++m)
+      x[L.aggMembers[static_cast<size_t>(m)]] += xc[I];
   // Post-smoothing: x += w D^-1 (b - A x), through r to keep x's old values for the product.
 #pragma omp parallel for schedule(static) if (par)
   for (int i = 0; i < n; ++i) {
@@ -330,7 +337,7 @@ size_t AggregationAMG<Scalar>::memoryBytes() const {
   size_t b = 0;
   for (auto& l : levels_)
     b += l->A.bytes() + (l->invDiag.size() + l->r.size() + l->bc.size() + l->xc.size()) * sizeof(Scalar) +
-         (l->agg.size() + l->aggStart.size() + l->aggMembers.size()) * sizeof(int);
+         (l->aggStart.size() + l->aggMembers.size()) * sizeof(int);
   return b + static_cast<size_t>(coarsest_.matrixLLT().size()) * sizeof(double);
 }
 

@@ -20,6 +20,8 @@ template <typename Scalar>
 class AggregationAMG {
  public:
   using Vector = Eigen::Matrix<Scalar, Eigen::Dynamic, 1>;
+  using StorageIndex = int;
+  enum { ColsAtCompileTime = Eigen::Dynamic, MaxColsAtCompileTime = Eigen::Dynamic };
 
   AggregationAMG();
   ~AggregationAMG();
@@ -41,15 +43,20 @@ class AggregationAMG {
   AggregationAMG& factorize(const MatrixType& A) {
     return compute(A);
   }
-  // One V-cycle applied to b.
+  // One V-cycle applied to b, evaluated straight into the vector it is assigned to.
   template <typename Rhs>
-  Vector solve(const Rhs& b) const {
-    Vector in = b;
-    Vector out(in.size());
-    apply(in.data(), out.data());
-    return out;
+  Eigen::Solve<AggregationAMG, Rhs> solve(const Eigen::MatrixBase<Rhs>& b) const {
+    return Eigen::Solve<AggregationAMG, Rhs>(*this, b.derived());
+  }
+  template <typename Rhs, typename Dest>
+  void _solve_impl(const Rhs& b, Dest& x) const {
+    const Eigen::Ref<const Vector> in(b);  // copies only what is not a plain vector already
+    x.resize(b.rows());
+    apply(in.data(), x.data());
   }
   Eigen::ComputationInfo info() const { return Eigen::Success; }
+  Eigen::Index rows() const { return size_; }
+  Eigen::Index cols() const { return size_; }
 
   void setup(int n, const int* outer, const int* inner, const Scalar* values);
   void apply(const Scalar* b, Scalar* x) const;
@@ -64,6 +71,7 @@ class AggregationAMG {
   struct Level;
   void cycle(size_t level, const Scalar* b, Scalar* x) const;
   std::vector<std::unique_ptr<Level>> levels_;
+  Eigen::Index size_ = 0;
   Eigen::LLT<Eigen::MatrixXd> coarsest_;
 };
 

@@ -242,3 +242,105 @@ TEST(SystemReduction, DirectExtractionMatchesSelectionProducts) {
     EXPECT_TRUE(dense(fast.A).isApprox(withPrior, 1e-6f));
   }
 }
+
+namespace {
+
+// The arrays of a compressed sparse matrix, to compare storage bit for bit.
+struct Arrays {
+  std::vector<int> outer, inner;
+  std::vector<float> values;
+  bool operator==(const Arrays&) const = default;
+};
+
+Arrays arrays(const GraphLaplacian::SparseMatrixF& m) {
+  Arrays a;
+  a.outer.assign(m.outerIndexPtr(), m.outerIndexPtr() + m.outerSize() + 1);
+  a.inner.assign(m.innerIndexPtr(), m.innerIndexPtr() + m.nonZeros());
+  a.values.assign(m.valuePtr(), m.valuePtr() + m.nonZeros());
+  return a;
+}
+
+// Seed densities from none to all, in 2D and 3D.
+class BorrowedSystemCase : public ::testing::TestWithParam<std::tuple<int, int>> {
+ protected:
+  std::unique_ptr<GraphLaplacianImage> graph() {
+    const auto [slices, seedPercent] = GetParam();
+    std::mt19937 rng(7 * slices + seedPercent);
+    std::uniform_int_distribution<int> u(0, 255), pct(0, 99), label(1, 2);
+    const Eigen::Vector3i dims(7, 6, slices);
+    auto img = frame<unsigned char>(dims, 1, [&](int, int, int, int) { return u(rng); });
+    auto lab = seeds(dims, [&, p = seedPercent](int, int, int) { return pct(rng) < p ? label(rng) : 0; });
+    auto g = std::make_unique<GraphLaplacianImage>();
+    g->generateGraph(*img, *lab);
+    return g;
+  }
+};
+
+}  // namespace
+
+// The system built in the Laplacian's storage is the copied one, entry for entry, and the
+// Laplacian comes back bit for bit, with and without a change of the diagonal.
+TEST_P(BorrowedSystemCase, EqualsTheCopyAndGivesTheLaplacianBack) {
+  for (bool prior : {false, true}) {
+    auto owned = graph();
+    GraphLaplacianImage& g = *owned;
+    auto& L = const_cast<GraphLaplacian::SparseMatrixF&>(g.laplacian());
+    ASSERT_TRUE(BorrowedSystem::canBorrow(L));
+    const Arrays before = arrays(L);
+    auto copy = reduceSystem(L, g.seedIndices(), g.unknownIndices(), g.seedValues());
+    if (prior) addToDiagonal(copy.A, 0.25f);
+    {
+      BorrowedSystem borrowed(L, g.seedIndices(), g.unknownIndices(), g.seedValues());
+      if (prior) borrowed.addToDiagonal(0.25f);
+      EXPECT_TRUE(borrowed.A.isCompressed());
+      EXPECT_EQ(arrays(borrowed.A), arrays(copy.A));
+      EXPECT_EQ(borrowed.b, copy.b);  // the same sums in the same order
+    }
+    EXPECT_EQ(arrays(L), before);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(SlicesAndSeedShare, BorrowedSystemCase,
+                         ::testing::Combine(::testing::Values(1, 3), ::testing::Values(0, 10, 60, 100)));
+
+// A column without its diagonal: the system detaches into a copy of its own, gives the
+// Laplacian back at once, and inserts the entry.
+TEST(BorrowedSystem, MissingDiagonalDetaches) {
+  using M = GraphLaplacian::SparseMatrixF;
+  M L(4, 4);
+  std::vector<Eigen::Triplet<float>> t{{0, 0, 2}, {1, 0, -1}, {0, 1, -1}, {3, 1, -1}, {1, 3, -1},
+                                       {2, 2, 1}, {3, 3, 1}};  // column 1 has no diagonal
+  L.setFromTriplets(t.begin(), t.end());
+  L.makeCompressed();
+  const Arrays before = arrays(L);
+  const std::vector<uint64_t> seedsIdx{2}, unknown{0, 1, 3};
+  const std::vector<float> values{1.0f};
+  auto copy = reduceSystem(L, seedsIdx, unknown, values);
+  addToDiagonal(copy.A, 0.5f);
+  {
+    BorrowedSystem borrowed(L, seedsIdx, unknown, values);
+    borrowed.addToDiagonal(0.5f);
+    EXPECT_EQ(arrays(L), before);  // already given back
+    EXPECT_EQ(dense(borrowed.A), dense(copy.A));
+    EXPECT_FLOAT_EQ(borrowed.A.coeff(1, 1), 0.5f);
+  }
+  EXPECT_EQ(arrays(L), before);
+}
+
+TEST(BorrowedSystem, NeedsCompressedSortedColumns) {
+  GraphLaplacian::SparseMatrixF L(3, 3);
+  L.insert(0, 0) = 1.0f;
+  EXPECT_FALSE(BorrowedSystem::canBorrow(L));  // still in insertion mode
+  L.makeCompressed();
+  EXPECT_TRUE(BorrowedSystem::canBorrow(L));
+  L.resize(3, 3);
+  L.resizeNonZeros(2);
+  L.outerIndexPtr()[0] = 0;
+  L.outerIndexPtr()[1] = 2;
+  L.outerIndexPtr()[2] = 2;
+  L.outerIndexPtr()[3] = 2;
+  L.innerIndexPtr()[0] = 2;
+  L.innerIndexPtr()[1] = 0;  // descending rows
+  L.valuePtr()[0] = L.valuePtr()[1] = 1.0f;
+  EXPECT_FALSE(BorrowedSystem::canBorrow(L));
+}
