@@ -46,8 +46,9 @@ void viennaSolve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::Vector
   viennacl::vector<float> vx = solver(vA, vb, precond);
   x.resize(static_cast<Eigen::Index>(n));
   viennacl::fast_copy(vx.begin(), vx.end(), x.data());
-  itOut = static_cast<int>(tag.iters());
-  errOut = tag.error();
+  // The solver runs on its own copy of the tag, which holds what the run did.
+  itOut = static_cast<int>(solver.tag().iters());
+  errOut = solver.tag().error();
 }
 
 }  // namespace
