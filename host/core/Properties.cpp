@@ -90,7 +90,10 @@ bool fromText(std::string_view text, unsigned long long& out) {
 bool fromText(std::string_view text, float& out) {
   double d;
   if (!fromText(text, d)) return false;
-  out = static_cast<float>(d);
+  const float f = static_cast<float>(d);
+  // A finite value beyond float's range is refused rather than read as infinity; "inf" reads.
+  if (std::isinf(f) && std::isfinite(d)) return false;
+  out = f;
   return true;
 }
 

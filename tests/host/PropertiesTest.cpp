@@ -150,8 +150,9 @@ void expectRefusedAndUntouched(const Properties& p, const char* key, T sentinel)
 }
 
 TEST(Properties, FailedReadReturnsFalseAndKeepsOut) {
-  const Properties p{{"word", "abc"}, {"big", "300"},     {"neg", "-1"},  {"huge", "3000000000"},
-                     {"two", "1.5 2.5"}, {"mixed", "1 x 3"}, {"empty", ""}, {"five", "5"}};
+  const Properties p{{"word", "abc"},     {"big", "300"},     {"neg", "-1"},   {"huge", "3000000000"},
+                     {"two", "1.5 2.5"}, {"mixed", "1 x 3"}, {"empty", ""},   {"five", "5"},
+                     {"vast", "1e40"},   {"-vast", "-1e39"}};
   expectRefusedAndUntouched(p, "missing", 5);
   expectRefusedAndUntouched(p, "missing", std::string("keep"));
   expectRefusedAndUntouched(p, "missing", std::optional<int>(4));
@@ -168,6 +169,18 @@ TEST(Properties, FailedReadReturnsFalseAndKeepsOut) {
   expectRefusedAndUntouched(p, "huge", 9);
   expectRefusedAndUntouched(p, "two", Eigen::Vector3d(1, 2, 3));
   expectRefusedAndUntouched(p, "mixed", std::vector<int>{8, 9});
+  expectRefusedAndUntouched(p, "vast", 2.0f);  // beyond float, though a double holds it
+  expectRefusedAndUntouched(p, "-vast", 2.0f);
+  double d = 0;
+  EXPECT_TRUE(p.param("vast", d));
+  EXPECT_EQ(d, 1e40);
+  // The edges of float's range still read: its largest value, and infinity written as such.
+  const Properties edge{{"max", PropertiesDetail::toText(std::numeric_limits<float>::max())}, {"inf", "inf"}};
+  float f = 0;
+  EXPECT_TRUE(edge.param("max", f));
+  EXPECT_EQ(f, std::numeric_limits<float>::max());
+  EXPECT_TRUE(edge.param("inf", f));
+  EXPECT_EQ(f, std::numeric_limits<float>::infinity());
 }
 
 Properties richTree() {
