@@ -2,27 +2,42 @@
 
 #include <Eigen/SparseCore>
 #include <algorithm>
+#include <limits>
 
 namespace Merivane {
 
 using SparseMatrixF = Eigen::SparseMatrix<float, Eigen::ColMajor, int>;
 
+namespace {
+
+constexpr int kNeither = std::numeric_limits<int>::min();
+
+// Where each node goes: >= 0 its position among the unknowns, kNeither for a node in neither
+// list (left out of the system), otherwise seed number -place - 1.
+std::vector<int> nodePlaces(Eigen::Index n, const std::vector<uint64_t>& seedIndices,
+                            const std::vector<uint64_t>& unknownIndices) {
+  const auto nU = static_cast<Eigen::Index>(unknownIndices.size());
+  const auto nS = static_cast<Eigen::Index>(seedIndices.size());
+  std::vector<int> place(static_cast<size_t>(n), kNeither);
+#pragma omp parallel for schedule(static) if (nU > 65536)
+  for (Eigen::Index k = 0; k < nU; ++k) place[unknownIndices[static_cast<size_t>(k)]] = static_cast<int>(k);
+#pragma omp parallel for schedule(static) if (nS > 65536)
+  for (Eigen::Index s = 0; s < nS; ++s) place[seedIndices[static_cast<size_t>(s)]] = -static_cast<int>(s) - 1;
+  return place;
+}
+
+}  // namespace
+
 ReducedSystem reduceSystem(const SparseMatrixF& L, const std::vector<uint64_t>& seedIndices,
                            const std::vector<uint64_t>& unknownIndices, const std::vector<float>& seedValues) {
   const Eigen::Index n = L.cols();
   const Eigen::Index nU = static_cast<Eigen::Index>(unknownIndices.size());
-  const Eigen::Index nS = static_cast<Eigen::Index>(seedIndices.size());
   ReducedSystem sys;
   sys.A.resize(nU, nU);
   sys.b = Eigen::VectorXf::Zero(nU);
   if (nU == 0) return sys;
 
-  // place >= 0: position among the unknowns; place < 0: seed number -place - 1.
-  std::vector<int> place(static_cast<size_t>(n));
-#pragma omp parallel for schedule(static) if (nU > 65536)
-  for (Eigen::Index k = 0; k < nU; ++k) place[unknownIndices[static_cast<size_t>(k)]] = static_cast<int>(k);
-#pragma omp parallel for schedule(static) if (nS > 65536)
-  for (Eigen::Index s = 0; s < nS; ++s) place[seedIndices[static_cast<size_t>(s)]] = -static_cast<int>(s) - 1;
+  const std::vector<int> place = nodePlaces(n, seedIndices, unknownIndices);
 
   const int* outer = L.outerIndexPtr();
   const int* inner = L.innerIndexPtr();
@@ -56,7 +71,7 @@ ReducedSystem reduceSystem(const SparseMatrixF& L, const std::vector<uint64_t>& 
         aInner[dst] = p;
         aValues[dst] = values[j];
         ++dst;
-      } else {
+      } else if (p != kNeither) {
         // L is symmetric: L(c, seed) is stored in column c at the seed's row.
         rhs += values[j] * seedValues[static_cast<size_t>(-p - 1)];
       }
@@ -133,24 +148,18 @@ BorrowedSystem::BorrowedSystem(SparseMatrixF& L, const std::vector<uint64_t>& se
     : L_(&L), unknown_(unknownIndices) {
   const int n = static_cast<int>(L.cols());
   const int nU = static_cast<int>(unknownIndices.size());
-  const int nS = static_cast<int>(seedIndices.size());
   A.resize(nU, nU);
   b = Eigen::VectorXf::Zero(nU);
 
   // Everything is allocated before the first entry moves, so that nothing can fail halfway.
-  // place >= 0: position among the unknowns; place < 0: seed number -place - 1.
-  std::vector<int> place(static_cast<size_t>(n));
-#pragma omp parallel for schedule(static) if (nU > 65536)
-  for (int k = 0; k < nU; ++k) place[unknownIndices[static_cast<size_t>(k)]] = k;
-#pragma omp parallel for schedule(static) if (nS > 65536)
-  for (int s = 0; s < nS; ++s) place[seedIndices[static_cast<size_t>(s)]] = -s - 1;
+  const std::vector<int> place = nodePlaces(n, seedIndices, unknownIndices);
   const int* outer = L.outerIndexPtr();
   int* inner = L.innerIndexPtr();
   float* values = L.valuePtr();
   size_t saved = 0;
 #pragma omp parallel for schedule(static) reduction(+ : saved) if (n > 65536)
   for (int c = 0; c < n; ++c) {
-    if (place[static_cast<size_t>(c)] < 0) {
+    if (place[static_cast<size_t>(c)] < 0) {  // a seed's column, or one in neither list
       saved += static_cast<size_t>(outer[c + 1] - outer[c]);
     } else {
       for (int j = outer[c]; j < outer[c + 1]; ++j) saved += place[static_cast<size_t>(inner[j])] < 0;
@@ -166,7 +175,7 @@ BorrowedSystem::BorrowedSystem(SparseMatrixF& L, const std::vector<uint64_t>& se
   int dst = 0;
   int k = 0;
   for (int c = 0; c < n; ++c) {
-    if (place[static_cast<size_t>(c)] < 0) {
+    if (k == nU || unknownIndices[static_cast<size_t>(k)] != static_cast<uint64_t>(c)) {
       for (int j = outer[c]; j < outer[c + 1]; ++j) {
         savedRows_.push_back(inner[j]);
         savedValues_.push_back(values[j]);
@@ -187,7 +196,7 @@ BorrowedSystem::BorrowedSystem(SparseMatrixF& L, const std::vector<uint64_t>& se
         savedRows_.push_back(row);
         savedValues_.push_back(v);
         // L is symmetric: L(c, seed) is stored in column c at the seed's row.
-        rhs += v * seedValues[static_cast<size_t>(-p - 1)];
+        if (p != kNeither) rhs += v * seedValues[static_cast<size_t>(-p - 1)];
       }
     }
     b[k] = -rhs;

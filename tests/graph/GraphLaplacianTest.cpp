@@ -96,8 +96,11 @@ TEST(GraphLaplacianImage, ConstantImageGivesWeightsOfOnePlusEpsilon) {
   g.generateGraph(*img, *lab);
   const auto& L = g.laplacian();
   for (int c = 0; c < L.outerSize(); ++c)
-    for (GraphLaplacian::SparseMatrixF::InnerIterator it(L, c); it; ++it)
-      if (it.row() != it.col()) EXPECT_FLOAT_EQ(it.value(), -(1.0f + 1e-5f));
+    for (GraphLaplacian::SparseMatrixF::InnerIterator it(L, c); it; ++it) {
+      if (it.row() != it.col()) {
+        EXPECT_FLOAT_EQ(it.value(), -(1.0f + 1e-5f));
+      }
+    }
 }
 
 TEST(GraphLaplacianImage, SinglePixelHasNegativeZeroDiagonalAndOneRowHasOnlyHorizontalEdges) {
@@ -343,4 +346,39 @@ TEST(BorrowedSystem, NeedsCompressedSortedColumns) {
   L.innerIndexPtr()[1] = 0;  // descending rows
   L.valuePtr()[0] = L.valuePtr()[1] = 1.0f;
   EXPECT_FALSE(BorrowedSystem::canBorrow(L));
+}
+
+// A node in neither list is left out of the system, by the products and by both one-pass
+// reductions alike, and the borrowed Laplacian still comes back whole.
+TEST(SystemReduction, NodeInNeitherListIsLeftOut) {
+  using M = GraphLaplacian::SparseMatrixF;
+  // A chain 0 - 1 - 2 - 3 - 4 with weights 1..4; node 2 is in neither list.
+  M L(5, 5);
+  std::vector<Eigen::Triplet<float>> t;
+  for (int i = 0; i < 4; ++i) {
+    const float w = static_cast<float>(i + 1);
+    t.emplace_back(i, i + 1, -w);
+    t.emplace_back(i + 1, i, -w);
+    t.emplace_back(i, i, w);
+    t.emplace_back(i + 1, i + 1, w);
+  }
+  L.setFromTriplets(t.begin(), t.end());
+  L.makeCompressed();
+  const Arrays before = arrays(L);
+  const std::vector<uint64_t> seedsIdx{0, 4}, unknown{1, 3};
+  const std::vector<float> values{1.0f, 0.0f};
+  auto copy = reduceSystem(L, seedsIdx, unknown, values);
+  auto ref = reduceSystemByProducts(L, seedsIdx, unknown, values);
+  EXPECT_EQ(dense(copy.A), dense(ref.A));
+  EXPECT_EQ(copy.b, ref.b);
+  Eigen::Matrix2f expected;
+  expected << 3, 0, 0, 7;  // the edges to node 2 are gone, its weights stay on the diagonal
+  EXPECT_EQ(dense(copy.A), Eigen::MatrixXf(expected));
+  EXPECT_EQ(copy.b, Eigen::Vector2f(1, 0));
+  {
+    BorrowedSystem borrowed(L, seedsIdx, unknown, values);
+    EXPECT_EQ(arrays(borrowed.A), arrays(copy.A));
+    EXPECT_EQ(borrowed.b, copy.b);
+  }
+  EXPECT_EQ(arrays(L), before);
 }
