@@ -151,6 +151,13 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
   const Eigen::Index nU = static_cast<Eigen::Index>(g.unknownIndices().size());
   if (verbose) LOG_INFO(kCategory, g.seedIndices().size() << " labelled pixels / " << nU << " unknowns");
 
+  // A graph whose build was refused (too many nodes, no image) keeps its old Laplacian while
+  // its node lists describe the new image.
+  if (!listsFit(g.laplacian(), g.seedIndices(), g.unknownIndices())) {
+    LOG_ERROR(kCategory, "The graph's node lists do not fit its matrix; nothing solved");
+    return previousSolution_;
+  }
+
   // The system borrows the Laplacian's storage for the solve, so that the two matrices, each
   // the largest allocation of a segmentation, are never held at once; the graph gets its
   // Laplacian back unchanged when `borrowed` goes. A Laplacian that cannot lend is copied from.

@@ -131,6 +131,25 @@ void addToDiagonal(SparseMatrixF& A, float value) {
   if (!missing.empty()) A.makeCompressed();
 }
 
+bool listsFit(const SparseMatrixF& L, const std::vector<uint64_t>& seedIndices,
+              const std::vector<uint64_t>& unknownIndices) {
+  const Eigen::Index n = L.cols();
+  if (L.rows() != n || static_cast<Eigen::Index>(seedIndices.size() + unknownIndices.size()) != n) return false;
+  std::vector<char> seen(static_cast<size_t>(n), 0);
+  uint64_t previous = 0;
+  for (size_t k = 0; k < unknownIndices.size(); ++k) {
+    const uint64_t i = unknownIndices[k];
+    if (i >= static_cast<uint64_t>(n) || (k > 0 && i <= previous)) return false;
+    seen[i] = 1;
+    previous = i;
+  }
+  for (const uint64_t i : seedIndices) {
+    if (i >= static_cast<uint64_t>(n) || seen[i]) return false;
+    seen[i] = 1;
+  }
+  return true;
+}
+
 bool BorrowedSystem::canBorrow(const SparseMatrixF& L) {
   if (!L.isCompressed()) return false;
   const int n = static_cast<int>(L.cols());
@@ -224,16 +243,18 @@ void BorrowedSystem::addToDiagonal(float value) {
   if (!complete) {
     SparseMatrixF own = A;
     giveBack();
-    A = std::move(own);
+    A.swap(own);
     Merivane::addToDiagonal(A, value);
     return;
   }
-  diagonal_.resize(static_cast<size_t>(nU));
+  // The Laplacian's own diagonal is kept from the first change on.
+  const bool first = diagonal_.empty();
+  if (first) diagonal_.resize(static_cast<size_t>(nU));
   float* values = A.valuePtr();
 #pragma omp parallel for schedule(static) if (nU > 65536)
   for (int c = 0; c < nU; ++c) {
     const auto j = std::lower_bound(inner + outer[c], inner + outer[c + 1], c) - inner;
-    diagonal_[static_cast<size_t>(c)] = values[j];
+    if (first) diagonal_[static_cast<size_t>(c)] = values[j];
     values[j] += value;
   }
 }
@@ -285,9 +306,8 @@ void BorrowedSystem::giveBack() {
     }
     if (unknown) --k;
   }
+  // A keeps its outer index but no entries now; it is replaced or destroyed next.
   L.data().swap(A.data());
-  A.resize(0, 0);
-  A.data().squeeze();
   savedRows_ = {};
   savedValues_ = {};
   diagonal_ = {};

@@ -12,6 +12,11 @@ struct ReducedSystem {
   Eigen::VectorXf b;
 };
 
+// Whether the node lists fit L: L square, and the lists together naming every node once, the
+// unknowns in ascending order. The reductions below assume it.
+bool listsFit(const Eigen::SparseMatrix<float, Eigen::ColMajor, int>& L, const std::vector<uint64_t>& seedIndices,
+              const std::vector<uint64_t>& unknownIndices);
+
 // One parallel pass over the columns of L: a node map sends each row to its place among the
 // unknowns (order kept, since both lists ascend) or to its seed value.
 ReducedSystem reduceSystem(const Eigen::SparseMatrix<float, Eigen::ColMajor, int>& L,
@@ -31,7 +36,8 @@ void addToDiagonal(Eigen::SparseMatrix<float, Eigen::ColMajor, int>& A, float va
 // lifetime, so that a solve holds one matrix instead of two. The Laplacian keeps its shape and
 // outer index meanwhile, but none of its entries; they come back bit for bit when this object
 // is destroyed. The entries in seed rows and columns wait in a side list (a few per seed).
-// Needs a compressed Laplacian with ascending rows in every column (canBorrow).
+// Needs lists that fit (listsFit) and a compressed Laplacian with ascending rows in every
+// column (canBorrow).
 class BorrowedSystem {
  public:
   using SparseMatrixF = Eigen::SparseMatrix<float, Eigen::ColMajor, int>;

@@ -3,6 +3,8 @@
 #include <Eigen/Dense>
 #include <Eigen/SparseCore>
 #include <cmath>
+#include <cstring>
+#include <stdexcept>
 #include <limits>
 #include <random>
 
@@ -248,11 +250,14 @@ TEST(SystemReduction, DirectExtractionMatchesSelectionProducts) {
 
 namespace {
 
-// The arrays of a compressed sparse matrix, to compare storage bit for bit.
+// The arrays of a compressed sparse matrix, to compare storage bit for bit (-0.0f is not 0.0f).
 struct Arrays {
   std::vector<int> outer, inner;
   std::vector<float> values;
-  bool operator==(const Arrays&) const = default;
+  bool operator==(const Arrays& o) const {
+    return outer == o.outer && inner == o.inner && values.size() == o.values.size() &&
+           (values.empty() || std::memcmp(values.data(), o.values.data(), values.size() * sizeof(float)) == 0);
+  }
 };
 
 Arrays arrays(const GraphLaplacian::SparseMatrixF& m) {
@@ -381,4 +386,85 @@ TEST(SystemReduction, NodeInNeitherListIsLeftOut) {
     EXPECT_EQ(borrowed.b, copy.b);
   }
   EXPECT_EQ(arrays(L), before);
+}
+
+// Column kinds the graphs never make: an unknown node without any entry, an unknown node whose
+// entries all lie in seed rows (no diagonal), and a seed column; and the empty matrix.
+TEST(BorrowedSystem, EmptyAndSeedOnlyColumnsComeBackWhole) {
+  using M = GraphLaplacian::SparseMatrixF;
+  M L(5, 5);
+  std::vector<Eigen::Triplet<float>> t{{3, 1, -1}, {1, 3, -1}, {4, 1, -2}, {1, 4, -2},
+                                       {2, 2, 5},  {3, 3, 1},  {4, 4, -0.0f}};
+  L.setFromTriplets(t.begin(), t.end());
+  L.makeCompressed();
+  const Arrays before = arrays(L);
+  const std::vector<uint64_t> seedsIdx{3, 4}, unknown{0, 1, 2};
+  const std::vector<float> values{1.0f, 0.5f};
+  ASSERT_TRUE(listsFit(L, seedsIdx, unknown));
+  auto copy = reduceSystem(L, seedsIdx, unknown, values);
+  auto ref = reduceSystemByProducts(L, seedsIdx, unknown, values);
+  EXPECT_EQ(dense(copy.A), dense(ref.A));
+  EXPECT_EQ(copy.b, Eigen::Vector3f(0, 2, 0));  // -(-1 * 1 + -2 * 0.5) at node 1
+  {
+    BorrowedSystem borrowed(L, seedsIdx, unknown, values);
+    EXPECT_EQ(arrays(borrowed.A), arrays(copy.A));
+    EXPECT_EQ(borrowed.b, copy.b);
+  }
+  EXPECT_EQ(arrays(L), before);
+
+  M none(0, 0);
+  none.makeCompressed();
+  {
+    BorrowedSystem borrowed(none, {}, {}, {});
+    EXPECT_EQ(borrowed.A.rows(), 0);
+    EXPECT_EQ(borrowed.b.size(), 0);
+  }
+  EXPECT_EQ(none.rows(), 0);
+}
+
+// Two changes of the diagonal add up in A, and the Laplacian's own diagonal comes back; so it
+// does when the scope is left by an exception.
+TEST(BorrowedSystem, RepeatedDiagonalChangeAndExceptionGiveTheLaplacianBack) {
+  std::mt19937 rng(5);
+  std::uniform_int_distribution<int> u(0, 255), pct(0, 9);
+  const Eigen::Vector3i dims(6, 5, 2);
+  auto img = frame<unsigned char>(dims, 1, [&](int, int, int, int) { return u(rng); });
+  auto lab = seeds(dims, [&](int, int, int) { const int r = pct(rng); return r == 0 ? 1 : (r == 1 ? 2 : 0); });
+  GraphLaplacianImage g;
+  g.generateGraph(*img, *lab);
+  auto& L = const_cast<GraphLaplacian::SparseMatrixF&>(g.laplacian());
+  const Arrays before = arrays(L);
+  auto copy = reduceSystem(L, g.seedIndices(), g.unknownIndices(), g.seedValues());
+  addToDiagonal(copy.A, 0.25f);
+  addToDiagonal(copy.A, 0.5f);
+  {
+    BorrowedSystem borrowed(L, g.seedIndices(), g.unknownIndices(), g.seedValues());
+    borrowed.addToDiagonal(0.25f);
+    borrowed.addToDiagonal(0.5f);
+    EXPECT_EQ(arrays(borrowed.A), arrays(copy.A));
+  }
+  EXPECT_EQ(arrays(L), before);
+
+  try {
+    BorrowedSystem borrowed(L, g.seedIndices(), g.unknownIndices(), g.seedValues());
+    borrowed.addToDiagonal(1.0f);
+    throw std::runtime_error("solver failed");
+  } catch (const std::runtime_error&) {
+  }
+  EXPECT_EQ(arrays(L), before);
+}
+
+// Lists that name a node twice, miss one, run past the matrix or come unsorted do not fit.
+TEST(SystemReduction, ListsMustPartitionTheNodes) {
+  GraphLaplacian::SparseMatrixF L(4, 4);
+  L.makeCompressed();
+  EXPECT_TRUE(listsFit(L, {0, 3}, {1, 2}));
+  EXPECT_TRUE(listsFit(L, {}, {0, 1, 2, 3}));
+  EXPECT_FALSE(listsFit(L, {0, 3}, {2, 1}));     // unsorted unknowns
+  EXPECT_FALSE(listsFit(L, {0, 1}, {1, 2}));     // node 1 twice
+  EXPECT_FALSE(listsFit(L, {0}, {1, 2}));        // node 3 in neither list
+  EXPECT_FALSE(listsFit(L, {0, 4}, {1, 2}));     // past the matrix
+  EXPECT_FALSE(listsFit(L, {0, 3, 5}, {1, 2}));  // more nodes than the matrix has
+  GraphLaplacian::SparseMatrixF wide(4, 5);
+  EXPECT_FALSE(listsFit(wide, {0, 3}, {1, 2}));
 }
