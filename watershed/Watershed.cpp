@@ -70,13 +70,12 @@ struct Diff {
   }
 };
 
-// The labels of up to eight neighbours, one byte each in `packed` (0 in unused bytes):
-// the largest label, the smallest label less one (255 when there is none), so that two labels
-// differ exactly when high != 0 and lowLess1 + 1 != high, and the unreached neighbours among
-// the first `count` as one bit each.
+// The labels of up to eight neighbours, one byte each in `packed` (0 in unused bytes): the
+// largest label (0 for none), whether another label differs from it, and the unreached
+// neighbours among the first `count` as one bit each.
 struct Summary {
-  unsigned high;
-  unsigned lowLess1;
+  unsigned label;
+  bool differs;
   unsigned unreached;
 };
 
@@ -87,23 +86,24 @@ inline Summary summarize(uint64_t packed, int count) {
   const __m128i less1 = _mm_sub_epi8(v, _mm_set1_epi8(1));  // labels become 0..252, 0 becomes 255
   const __m128i isLab = _mm_cmpeq_epi8(_mm_min_epu8(less1, _mm_set1_epi8(static_cast<char>(252))), less1);
   __m128i high = _mm_and_si128(v, isLab);
-  __m128i low = _mm_or_si128(less1, _mm_andnot_si128(isLab, _mm_set1_epi8(-1)));
   // Byte 0 gathers bytes 0..7; what the shifts bring in lands above byte 7 and is never read.
-  for (int shift : {32, 16, 8}) {
-    high = _mm_max_epu8(high, _mm_srli_epi64(high, shift));
-    low = _mm_min_epu8(low, _mm_srli_epi64(low, shift));
-  }
-  return {static_cast<unsigned>(_mm_cvtsi128_si32(high)) & 255u, static_cast<unsigned>(_mm_cvtsi128_si32(low)) & 255u,
-          unreached & ((1u << count) - 1)};
+  for (int shift : {32, 16, 8}) high = _mm_max_epu8(high, _mm_srli_epi64(high, shift));
+  // The largest label in every byte; a label that is not it differs.
+  const __m128i all = _mm_shufflelo_epi16(_mm_unpacklo_epi8(high, high), 0);
+  const auto differs = _mm_movemask_epi8(_mm_andnot_si128(_mm_cmpeq_epi8(v, all), isLab)) & 0xFF;
+  return {static_cast<unsigned>(_mm_cvtsi128_si32(high)) & 255u, differs != 0, unreached & ((1u << count) - 1)};
 #else
-  Summary s{0, 255, 0};
+  Summary s{0, false, 0};
+  unsigned low = 255;
   for (int k = 0; k < count; ++k) {
     const auto v = static_cast<unsigned char>(packed >> (8 * k));
-    const unsigned label = isLabel(v) ? v : 0;
-    s.high = std::max(s.high, label);
-    s.lowLess1 = std::min(s.lowLess1, (label - 1) & 255u);
+    if (isLabel(v)) {
+      s.label = std::max(s.label, static_cast<unsigned>(v));
+      low = std::min(low, static_cast<unsigned>(v));
+    }
     s.unreached |= static_cast<unsigned>(v == 0) << k;
   }
+  s.differs = s.label != 0 && low != s.label;
   return s;
 #endif
 }
@@ -192,9 +192,9 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
 
   // Cache lines fetched for a voxel some pops ahead: its own, those of its neighbours across
   // rows and slices, and the ring beyond them: a neighbour pushed below the active priority is
-  // popped at once, and then needs its own neighbours.
-  // The ring reaches two steps beyond the region's interior, possibly outside the image: these
-  // addresses are only fetched from, never read, and are formed as integers.
+  // popped at once, and then needs its own neighbours. The ring reaches two steps beyond the
+  // region's interior, possibly outside the image: these addresses are only fetched from, never
+  // read, and are formed as integers.
   const auto lines = [&] {
     const ptrdiff_t y = sy, z = sz;
     if constexpr (ThreeD)
@@ -245,12 +245,12 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
     std::memcpy(&row, at - 1, 4);
     uint64_t packed = (row & 0xFFFFFFu) | static_cast<uint64_t>(at[-sy]) << 24 | static_cast<uint64_t>(at[sy]) << 32;
     if constexpr (ThreeD) packed |= static_cast<uint64_t>(at[-sz]) << 40 | static_cast<uint64_t>(at[sz]) << 48;
-    auto [high, lowLess1, unreached] = summarize(packed, K + 1);
-    if (high != 0 && lowLess1 + 1 != high) {
+    auto [label, differs, unreached] = summarize(packed, K + 1);
+    if (differs) {
       lab[p] = kLine;  // a line neighbours two labels and floods nothing
       continue;
     }
-    lab[p] = static_cast<unsigned char>(high);
+    lab[p] = static_cast<unsigned char>(label);
 
     for (; unreached != 0; unreached &= unreached - 1) {
       const int32_t q = p + bitOff[std::countr_zero(unreached)];
