@@ -446,7 +446,10 @@ uint32_t allocWSNodes(std::vector<WSNode>& nodes) {
   const size_t first = old == 0 ? 1 : old;
   const size_t grown = std::max<size_t>(old + old / 2, 128);
   nodes.resize(grown);
-  for (size_t i = first; i + 1 < grown; ++i) nodes[i].next = static_cast<uint32_t>(i + 1);
+  // Late growths run to tens of megabytes of fresh pages; both cores share the first touch.
+  const auto last = static_cast<int64_t>(grown) - 1;
+#pragma omp parallel for schedule(static) if (last - static_cast<int64_t>(first) > (int64_t(1) << 20))
+  for (int64_t i = static_cast<int64_t>(first); i < last; ++i) nodes[static_cast<size_t>(i)].next = static_cast<uint32_t>(i + 1);
   nodes[grown - 1].next = 0;
   if (old == 0) nodes[0] = {0, 0};
   return static_cast<uint32_t>(first);

@@ -111,7 +111,7 @@ class Queues {
   uint32_t slot(uint32_t node) const { return (node + shift_) % kChunk; }
 
   // allocWSNodes chains the new nodes in ascending order; whole chunks of them join the free
-  // chain.
+  // chain, in front of the chunks free already.
   void grow() {
     const bool first = nodes_.empty();
     const uint32_t from = allocWSNodes(nodes_);
@@ -122,12 +122,12 @@ class Queues {
     const auto size = static_cast<uint32_t>(nodes_.size());
     const uint32_t begin = from + (kChunk - slot(from)) % kChunk;
     const uint32_t end = size - slot(size);
-    // From the top down, so that the chunks are handed out in ascending order.
-    for (uint32_t c = end; c >= begin + kChunk; c -= kChunk) {
-      nodes_[c - 1].next = free_;
-      free_ = c - kChunk;
-      ++freeChunks_;
-    }
+    if (end < begin + kChunk) return;  // no whole chunk this time
+    // The new nodes are chained in ascending order already, so each chunk's last node leads to
+    // the next chunk; the last one leads on to the chunks that were free before.
+    nodes_[end - 1].next = free_;
+    free_ = begin;
+    freeChunks_ += (end - begin) / kChunk;
   }
 
   static constexpr int kAhead = 32;
