@@ -117,26 +117,6 @@ struct Region {
   bool threeD;           // the image has more than one slice: z has a shell and neighbours
 };
 
-
-// Cache lines of voxel v in the labels and the source, and of its neighbours across rows
-// (y) and slices (z).
-template <int C>
-inline void fetchLines(const unsigned char* lab, const unsigned char* src, int channels, int32_t v) {
-  __builtin_prefetch(lab + v);
-  __builtin_prefetch(src + static_cast<ptrdiff_t>(v) * (C > 0 ? C : channels));
-}
-
-template <int C, bool ThreeD>
-inline void fetchAcross(const unsigned char* lab, const unsigned char* src, int channels, int32_t v, int32_t sy,
-                        int32_t sz) {
-  fetchLines<C>(lab, src, channels, v - sy);
-  fetchLines<C>(lab, src, channels, v + sy);
-  if constexpr (ThreeD) {
-    fetchLines<C>(lab, src, channels, v - sz);
-    fetchLines<C>(lab, src, channels, v + sz);
-  }
-}
-
 // Steps 2 to 6 of the flooding: frame, initial queue, priority flood. False when cancelled.
 template <int C, bool ThreeD>
 bool flood(const unsigned char* src, int channels, unsigned char* lab, const Region& r, Progress* progress) {
@@ -190,11 +170,12 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
       }
     }
 
-  // Cache lines fetched for a voxel some pops ahead: its own, those of its neighbours across
-  // rows and slices, and the ring beyond them: a neighbour pushed below the active priority is
-  // popped at once, and then needs its own neighbours. The ring reaches two steps beyond the
-  // region's interior, possibly outside the image: these addresses are only fetched from, never
-  // read, and are formed as integers.
+  // Cache lines of a voxel's neighbourhood: its own row, its neighbours across rows and slices,
+  // and the ring beyond them. Voxels some pops ahead need the first `near` of them. A neighbour
+  // pushed below the active priority is popped at once, and it often pushes one of its own
+  // neighbours below again, so it gets the whole ring at its push. The ring reaches two steps
+  // beyond the region's interior, possibly outside the image: these addresses are only fetched
+  // from, never read, and are formed as integers.
   const auto lines = [&] {
     const ptrdiff_t y = sy, z = sz;
     if constexpr (ThreeD)
@@ -206,6 +187,7 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
     __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(base) + static_cast<uintptr_t>(offset)));
   };
   const ptrdiff_t stride = C > 0 ? C : channels;
+  constexpr size_t near = ThreeD ? 5 : 3;
   // Neighbour offsets by bit of the packed neighbourhood below; bit 1 is the voxel itself.
   const int32_t bitOff[7] = {-1, 0, 1, -sy, sy, ThreeD ? -sz : 0, ThreeD ? sz : 0};
 
@@ -232,9 +214,9 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
     // The flooding order hops across the volume; fetching the neighbourhood of a voxel some pops
     // ahead hides most of the cache misses.
     if (const int32_t ahead = queues.lookAhead(active); ahead >= 0) {
-      for (const ptrdiff_t o : lines) {
-        fetch(lab, ahead + o);
-        fetch(src, (ahead + o) * stride);
+      for (size_t k = 0; k < near; ++k) {
+        fetch(lab, ahead + lines[k]);
+        fetch(src, (ahead + lines[k]) * stride);
       }
     }
 
@@ -256,8 +238,13 @@ bool flood(const unsigned char* src, int channels, unsigned char* lab, const Reg
       const int32_t q = p + bitOff[std::countr_zero(unreached)];
       const int t = diff(p, q);
       queues.push(t, q);
-      // Popped next, unforeseen by the look-ahead: fetch its neighbourhood now.
-      fetchAcross<C, ThreeD>(lab, src, channels, t < active ? q : p, sy, sz);
+      if (t < active) {
+        // Popped next, unforeseen by the look-ahead.
+        for (const ptrdiff_t o : lines) {
+          fetch(lab, q + o);
+          fetch(src, (q + o) * stride);
+        }
+      }
       lab[q] = kQueued;  // label on push, not on pop: each voxel enters a queue once
       ++pushed;
       active = active - kPositive[active - t];
