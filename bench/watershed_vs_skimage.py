@@ -4,8 +4,9 @@
 WatershedBench writes its cell phantom (N^3 bytes, x fastest) and the markers as raw files,
 then floods them in a process of its own; scikit-image floods the same arrays with
 connectivity 1 in another process. Each process reports the time of the flooding call alone
-and its own peak resident memory; each side runs --repeat times (fresh processes) and the
-median time is reported. The two label images are then compared: over all voxels,
+and its own peak resident memory; each side runs --repeat times (fresh processes, the two
+alternating so that both see the same load on the machine) and the median time is reported,
+with the ratio of each pair. The two label images are then compared: over all voxels,
 and outside ties, that is without the voxels where the outcome is decided by an order rule
 (a voxel with a face neighbour of another label in either result, where the two methods break
 ties differently).
@@ -102,7 +103,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--bench", default=os.path.join(root, "build", "bin", "WatershedBench"))
     parser.add_argument("--size", type=int, default=256)
-    parser.add_argument("--repeat", type=int, default=3)
+    parser.add_argument("--repeat", type=int, default=5)
     args = parser.parse_args()
     if not os.path.exists(args.bench):
         sys.exit(f"{args.bench}: not built (ninja WatershedBench)")
@@ -111,9 +112,12 @@ def main():
     with tempfile.TemporaryDirectory(prefix="watershed_vs_skimage_") as directory:
         size = f"--size={args.size}"
         subprocess.run([args.bench, f"--write-input={directory}", size], check=True)
-        ours_runs = [run_json([args.bench, f"--flood-raw={directory}", size]) for _ in range(args.repeat)]
         child = [python, os.path.abspath(__file__), SKIMAGE_CHILD, directory, str(args.size)]
-        their_runs = [run_json(child + ["compare" if i == 0 else "time"]) for i in range(args.repeat)]
+        # Alternating, so that both sides see the same load on the machine.
+        ours_runs, their_runs = [], []
+        for i in range(args.repeat):
+            ours_runs.append(run_json([args.bench, f"--flood-raw={directory}", size]))
+            their_runs.append(run_json(child + ["compare" if i == 0 else "time"]))
     ours = {"seconds": statistics.median(r["seconds"] for r in ours_runs),
             "maxrss_kb": max(r["maxrss_kb"] for r in ours_runs)}
     theirs = dict(their_runs[0])
@@ -128,7 +132,9 @@ def main():
           f"peak {ours['maxrss_kb'] / 1024:7.1f} MiB")
     print(f"skimage: {theirs['seconds']:8.3f} s  {voxels / theirs['seconds'] / 1e6:8.2f} Mvoxel/s  "
           f"peak {theirs['maxrss_kb'] / 1024:7.1f} MiB")
-    print(f"speed ratio (skimage / ours): {theirs['seconds'] / ours['seconds']:.1f}")
+    pairs = sorted(t["seconds"] / o["seconds"] for o, t in zip(ours_runs, their_runs))
+    print(f"speed ratio (skimage / ours): {theirs['seconds'] / ours['seconds']:.1f} of the medians; "
+          f"{statistics.median(pairs):.1f} median of the {len(pairs)} pairs, {pairs[0]:.1f} to {pairs[-1]:.1f}")
     print(f"peak memory ratio (ours / skimage): {ours['maxrss_kb'] / theirs['maxrss_kb']:.3f}")
     print(f"labels agree on {100 * theirs['agree_all']:.2f}% of all voxels, "
           f"{100 * theirs['agree_outside_ties']:.2f}% outside ties "
