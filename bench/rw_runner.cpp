@@ -1,6 +1,7 @@
 // One full-resolution random-walk segmentation on raw files, timed, for bench/rw_vs_skimage.py.
 //   rw_runner W H D image.f32 seeds.u8 out.f32 SOLVER ITERATIONS TOLERANCE_LOG
-// Prints one line of key=value pairs: seconds, iterations, residual, peak_mib.
+// Prints one line of key=value pairs: seconds, iterations, residual, peak_mib. With RW_VERBOSE
+// set in the environment, the algorithm logs its steps and their times as well.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -35,12 +36,12 @@ int main(int argc, char** argv) {
   }
   SharedImage img(std::shared_ptr<Image>(std::move(image)));
   SharedImage lab(std::shared_ptr<Image>(std::move(seeds)));
-  Log::g_globalLevel = Log::Warning;
+  Log::g_globalLevel = std::getenv("RW_VERBOSE") ? Log::Info : Log::Warning;
   Bench::resetPeakMemory();
   const auto start = std::chrono::steady_clock::now();
   GraphLaplacianAlgorithm a(img, lab);
   Properties p;
-  p.setParam("Verbose", false);
+  p.setParam("Verbose", std::getenv("RW_VERBOSE") != nullptr);
   p.setParam("Solver ID", std::atoi(argv[7]));
   p.setParam("Solver Iterations", std::atoi(argv[8]));
   p.setParam("Solver Tolerance (Log)", std::atoi(argv[9]));

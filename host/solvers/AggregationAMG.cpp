@@ -32,31 +32,54 @@ struct Csr {
   }
 };
 
+// What a row offers to a pairing: the first neighbour (in the row's order) of the largest
+// strength -a_ij > 0 among those accepted, and the largest strength of all neighbours (0 if
+// none is positive).
+template <typename Scalar>
+struct Strongest {
+  int partner = -1;
+  Scalar best = 0;
+  Scalar maxAll = 0;
+};
+
+// The query over rows given as `forRow(i, f)`, which calls f(j, a_ij) for the entries of row i.
+template <typename Scalar, typename RowFn>
+struct RowQuery {
+  RowFn forRow;
+  template <typename Accept>
+  Strongest<Scalar> operator()(int i, Accept accept) const {
+    Strongest<Scalar> r;
+    forRow(i, [&](int j, Scalar v) {
+      if (j == i) return;
+      const Scalar s = -v;
+      r.maxAll = std::max(r.maxAll, s);
+      if (accept(j) && s > r.best) {
+        r.best = s;
+        r.partner = j;
+      }
+    });
+    return r;
+  }
+};
+template <typename Scalar, typename RowFn>
+RowQuery<Scalar, RowFn> rowQuery(RowFn f) {
+  return RowQuery<Scalar, RowFn>{std::move(f)};
+}
+
 // Greedy pairing with the strongest unpaired neighbour, in node order, so the result is fixed.
 // A node left alone because its neighbours are all taken joins the aggregate of its strongest
 // neighbour, which keeps the coarsening rate near two even where every weight is tiny.
-// `forRow(i, f)` calls f(j, a_ij) for the entries of row i.
-template <typename Scalar, typename RowFn>
-int pairNodes(int n, RowFn forRow, std::vector<int>& agg) {
+template <typename Scalar, typename Query>
+int pairNodes(int n, const Query& query, std::vector<int>& agg) {
   agg.assign(static_cast<size_t>(n), -1);
   std::vector<char> single(static_cast<size_t>(n), 0);
   int nc = 0;
   for (int i = 0; i < n; ++i) {
     if (agg[static_cast<size_t>(i)] >= 0) continue;
-    Scalar maxStrength = 0, best = 0;
-    int partner = -1;
-    forRow(i, [&](int j, Scalar v) {
-      if (j == i) return;
-      const Scalar s = -v;
-      maxStrength = std::max(maxStrength, s);
-      if (agg[static_cast<size_t>(j)] < 0 && s > best) {
-        best = s;
-        partner = j;
-      }
-    });
+    const Strongest<Scalar> r = query(i, [&](int j) { return agg[static_cast<size_t>(j)] < 0; });
     agg[static_cast<size_t>(i)] = nc;
-    if (partner >= 0 && best >= static_cast<Scalar>(kStrength) * maxStrength)
-      agg[static_cast<size_t>(partner)] = nc;
+    if (r.partner >= 0 && r.best >= static_cast<Scalar>(kStrength) * r.maxAll)
+      agg[static_cast<size_t>(r.partner)] = nc;
     else
       single[static_cast<size_t>(i)] = 1;
     ++nc;
@@ -65,18 +88,10 @@ int pairNodes(int n, RowFn forRow, std::vector<int>& agg) {
   std::vector<int> alive(static_cast<size_t>(nc), 1);
   for (int i = 0; i < n; ++i) {
     if (!single[static_cast<size_t>(i)]) continue;
-    Scalar maxStrength = 0;
-    int target = -1;
-    forRow(i, [&](int j, Scalar v) {
-      if (j == i || single[static_cast<size_t>(j)]) return;
-      if (-v > maxStrength) {
-        maxStrength = -v;
-        target = j;
-      }
-    });
-    if (target >= 0) {
+    const Strongest<Scalar> r = query(i, [&](int j) { return !single[static_cast<size_t>(j)]; });
+    if (r.partner >= 0) {
       alive[static_cast<size_t>(agg[static_cast<size_t>(i)])] = 0;
-      agg[static_cast<size_t>(i)] = agg[static_cast<size_t>(target)];
+      agg[static_cast<size_t>(i)] = agg[static_cast<size_t>(r.partner)];
     }
   }
   std::vector<int> number(static_cast<size_t>(nc));
@@ -85,6 +100,38 @@ int pairNodes(int n, RowFn forRow, std::vector<int>& agg) {
   for (auto& a : agg) a = number[static_cast<size_t>(a)];
   return m;
 }
+
+// A row's strongest neighbours, ranked once: up to kRanked of them, strongest first and, among
+// equals, first met first, and whether that is all of its positive ones. A query answered by
+// the list is the query the whole row would answer; otherwise the row is merged again.
+template <typename Scalar>
+struct Ranked {
+  static constexpr int kRanked = 3;
+  Scalar maxAll = 0;
+  int count = 0;
+  bool complete = true;
+  int J[kRanked];
+  Scalar s[kRanked];
+
+  void add(int j, Scalar strength) {
+    maxAll = std::max(maxAll, strength);
+    if (!(strength > 0)) return;
+    int p = count;
+    while (p > 0 && s[p - 1] < strength) --p;
+    if (p == kRanked) {
+      complete = false;
+      return;
+    }
+    if (count == kRanked) complete = false;
+    for (int q = std::min(count, kRanked - 1); q > p; --q) {
+      J[q] = J[q - 1];
+      s[q] = s[q - 1];
+    }
+    J[p] = j;
+    s[p] = strength;
+    count = std::min(count + 1, kRanked);
+  }
+};
 
 // Members of each aggregate, in node order: members[start[I] .. start[I + 1]).
 void groupMembers(const std::vector<int>& agg, int nc, std::vector<int>& start, std::vector<int>& members) {
@@ -107,7 +154,9 @@ Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
     std::vector<int> pos;
     std::vector<std::pair<int, Scalar>> buf;
   };
-  auto mergeRow = [&](int I, Scratch& sc) {
+  // Counting needs the distinct columns only; filling also wants them in order, a few dozen at
+  // most, which an insertion sort puts right fastest.
+  auto mergeRow = [&](int I, Scratch& sc, bool sorted) {
     auto& buf = sc.buf;
     buf.clear();
     for (int m = start[static_cast<size_t>(I)]; m < start[static_cast<size_t>(I) + 1]; ++m) {
@@ -124,7 +173,13 @@ Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
       }
     }
     for (auto& e : buf) sc.pos[static_cast<size_t>(e.first)] = -1;
-    std::sort(buf.begin(), buf.end(), [](auto& a, auto& b) { return a.first < b.first; });
+    if (!sorted) return;
+    for (size_t a = 1; a < buf.size(); ++a) {
+      const auto e = buf[a];
+      size_t b = a;
+      for (; b > 0 && buf[b - 1].first > e.first; --b) buf[b] = buf[b - 1];
+      buf[b] = e;
+    }
   };
 
   Csr<Scalar> C;
@@ -136,7 +191,7 @@ Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
     sc.pos.assign(static_cast<size_t>(nc), -1);
 #pragma omp for schedule(static)
     for (int I = 0; I < nc; ++I) {
-      mergeRow(I, sc);
+      mergeRow(I, sc, false);
       C.outerStore[static_cast<size_t>(I) + 1] = static_cast<int>(sc.buf.size());
     }
   }
@@ -149,7 +204,7 @@ Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
     sc.pos.assign(static_cast<size_t>(nc), -1);
 #pragma omp for schedule(static)
     for (int I = 0; I < nc; ++I) {
-      mergeRow(I, sc);
+      mergeRow(I, sc, true);
       int k = C.outerStore[static_cast<size_t>(I)];
       for (auto& [J, v] : sc.buf) {
         C.innerStore[static_cast<size_t>(k)] = J;
@@ -208,14 +263,13 @@ void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, co
     // the finest level that matrix would be the largest allocation of the whole setup.
     std::vector<int> agg1, agg2;
     const Csr<Scalar>& A = L.A;
-    const int n1 = pairNodes<Scalar>(ln, [&](int i, auto&& f) {
+    const int n1 = pairNodes<Scalar>(ln, rowQuery<Scalar>([&](int i, auto&& f) {
       for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) f(A.inner[k], A.values[k]);
-    }, agg1);
+    }), agg1);
     std::vector<int> start1, members1;
     groupMembers(agg1, n1, start1, members1);
-    std::vector<int> pos(static_cast<size_t>(n1), -1);
-    std::vector<std::pair<int, Scalar>> row;
-    const int n2 = pairNodes<Scalar>(n1, [&](int I, auto&& f) {
+    // A row of the first round's Galerkin matrix, merged from its members' rows in a fixed order.
+    auto mergeRow = [&](int I, std::vector<int>& pos, std::vector<std::pair<int, Scalar>>& row) {
       row.clear();
       for (int m = start1[static_cast<size_t>(I)]; m < start1[static_cast<size_t>(I) + 1]; ++m) {
         const int i = members1[static_cast<size_t>(m)];
@@ -231,8 +285,37 @@ void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, co
         }
       }
       for (auto& e : row) pos[static_cast<size_t>(e.first)] = -1;
+    };
+    // The greedy second round is serial; the rows it asks about are ranked beforehand on all
+    // threads, so that it seldom merges one itself.
+    std::vector<Ranked<Scalar>> ranked(rankedPairing ? static_cast<size_t>(n1) : 0);
+#pragma omp parallel if (rankedPairing && n1 > 65536)
+    {
+      std::vector<int> pos(static_cast<size_t>(n1), -1);
+      std::vector<std::pair<int, Scalar>> row;
+#pragma omp for schedule(static)
+      for (int I = 0; I < static_cast<int>(ranked.size()); ++I) {
+        mergeRow(I, pos, row);
+        Ranked<Scalar>& r = ranked[static_cast<size_t>(I)];
+        for (auto& [J, v] : row)
+          if (J != I) r.add(J, -v);
+      }
+    }
+    std::vector<int> pos(static_cast<size_t>(n1), -1);
+    std::vector<std::pair<int, Scalar>> row;
+    const auto merged = rowQuery<Scalar>([&](int I, auto&& f) {
+      mergeRow(I, pos, row);
       for (auto& [J, v] : row) f(J, v);
-    }, agg2);
+    });
+    const auto query = [&](int I, auto accept) {
+      if (ranked.empty()) return merged(I, accept);
+      const Ranked<Scalar>& r = ranked[static_cast<size_t>(I)];
+      for (int k = 0; k < r.count; ++k)
+        if (accept(r.J[k])) return Strongest<Scalar>{r.J[k], r.s[k], r.maxAll};
+      return r.complete ? Strongest<Scalar>{-1, 0, r.maxAll} : merged(I, accept);
+    };
+    const int n2 = pairNodes<Scalar>(n1, query, agg2);
+    ranked = {};
     if (n2 > ln * 0.85) break;  // coarsening stalled: solve here
     // Node to aggregate serves the setup only; the cycle goes by the members of each aggregate.
     std::vector<int> agg(static_cast<size_t>(ln));

@@ -58,6 +58,10 @@ class AggregationAMG {
   Eigen::Index rows() const { return size_; }
   Eigen::Index cols() const { return size_; }
 
+  // The second pairing round ranks every row's strongest neighbours beforehand on all threads;
+  // off, it merges each row it asks about instead. Both give the same hierarchy; tests compare.
+  bool rankedPairing = true;
+
   void setup(int n, const int* outer, const int* inner, const Scalar* values);
   void apply(const Scalar* b, Scalar* x) const;
 
