@@ -7,12 +7,15 @@ object probability from a tightly converged solve of the same system, each metho
 own (the two weight the edges differently, so their systems differ).
 
   bench/rw_vs_skimage.py [--size 128] [--solver 2] [--tol-log -8] [--iterations 40]
-                         [--build build] [--all-ids]
+                         [--build build] [--repeat 3] [--all-ids]
+
+The two sides run --repeat times each, alternating, so that both see the same load on the
+machine; the medians are compared, and the ratio of each pair is shown too.
 
 Needs Debian's python3-skimage, which this script installs when missing; it is not a
 dependency of the project.
 """
-import argparse, json, os, resource, subprocess, sys, tempfile, time
+import argparse, json, os, resource, statistics, subprocess, sys, tempfile, time
 
 def ensure_packages():
     try:
@@ -107,6 +110,7 @@ def main():
     ap.add_argument("--tol-log", type=int, default=-8)
     ap.add_argument("--iterations", type=int, default=40)
     ap.add_argument("--build", default=os.path.join(os.path.dirname(__file__), "..", "build"))
+    ap.add_argument("--repeat", type=int, default=3, help="alternating runs of each side")
     ap.add_argument("--all-ids", action="store_true", help="also time every solver id at these settings")
     args = ap.parse_args()
     ensure_packages()
@@ -120,14 +124,22 @@ def main():
     load = lambda p: np.fromfile(p, np.float32).reshape(n, n, n)
     dice = lambda p: 2 * ((p >= 0.5) & truth).sum() / ((p >= 0.5).sum() + truth.sum())
 
-    ours = run_ours(runner, n, files, os.path.join(tmp, "ours.f32"), args.solver, args.iterations, args.tol_log)
+    # Alternating, so that both sides see the same load on the machine; medians are reported.
+    ours_runs, sk_runs = [], []
+    for _ in range(args.repeat):
+        ours_runs.append(run_ours(runner, n, files, os.path.join(tmp, "ours.f32"), args.solver, args.iterations,
+                                  args.tol_log))
+        sk_runs.append(run_skimage(n, "cg_j", 1e-3, files, os.path.join(tmp, "sk.f32")))
+    median = lambda runs, key: statistics.median(r[key] for r in runs)
+    ours = dict(ours_runs[0], seconds=median(ours_runs, "seconds"), peak_mib=max(r["peak_mib"] for r in ours_runs))
+    sk = dict(sk_runs[0], seconds=median(sk_runs, "seconds"), peak_mib=max(r["peak_mib"] for r in sk_runs))
+    pairs = sorted(s["seconds"] / o["seconds"] for o, s in zip(ours_runs, sk_runs))
     # Tight references of both systems: double-precision multigrid-preconditioned CG to 1e-8.
     refsolve = os.path.join(args.build, "bin", "rw_refsolve")
     t = time.time()
     subprocess.run([refsolve, "ours", str(n), str(n), str(n), files[0], files[1], os.path.join(tmp, "ours_ref.f32")],
                    check=True, capture_output=True)
     ref = {"seconds": time.time() - t}
-    sk = run_skimage(n, "cg_j", 1e-3, files, os.path.join(tmp, "sk.f32"))
     t = time.time()
     subprocess.run([sys.executable, "-c", SKIMAGE_SYSTEM_CHILD, str(n), files[0], files[1],
                     os.path.join(tmp, "sk_ref.f32"), refsolve, tmp], check=True, capture_output=True)
@@ -142,7 +154,9 @@ def main():
           f"  residual {ours['residual']:.3g}  max |p - p_tight| {err_ours:.2e}  Dice {dice(p_ours):.4f}")
     print(f"  skimage  {sk['seconds']:8.2f} s  peak {sk['peak_mib']:7.1f} MiB  (cg_j, tol 1e-3)"
           f"              max |p - p_tight| {err_sk:.2e}  Dice {dice(p_sk):.4f}")
-    print(f"  speed-up {sk['seconds'] / ours['seconds']:.1f}x   memory ratio {ours['peak_mib'] / sk['peak_mib']:.2f}"
+    print(f"  speed-up {sk['seconds'] / ours['seconds']:.1f}x of the medians of {args.repeat} alternating runs "
+          f"({statistics.median(pairs):.1f}x median of the pairs, {pairs[0]:.1f} to {pairs[-1]:.1f})"
+          f"   memory ratio {ours['peak_mib'] / sk['peak_mib']:.2f}"
           f"   accuracy {'equal or better' if err_ours <= err_sk else 'WORSE'}")
     print(f"  tight references took {ref['seconds']:.1f} s (ours) and {skref['seconds']:.1f} s (skimage's system)")
     if args.all_ids:

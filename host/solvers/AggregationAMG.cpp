@@ -1,5 +1,7 @@
 #include "AggregationAMG.h"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -146,17 +148,15 @@ void groupMembers(const std::vector<int>& agg, int nc, std::vector<int>& start, 
 // Galerkin product with piecewise-constant interpolation: Ac(I, J) = sum of A(i, j) over the
 // members i of I and j of J. Each coarse row is merged from its members' rows in a fixed order.
 template <typename Scalar>
-Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
-  std::vector<int> start, members;
-  groupMembers(agg, nc, start, members);
-  // Accumulates through a per-thread position table, then orders the row's few columns.
+Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc, const std::vector<int>& start,
+                    const std::vector<int>& members) {
+  // Accumulates through a per-thread position table, then orders the row's few columns (a few
+  // dozen at most, which an insertion sort puts right fastest).
   struct Scratch {
     std::vector<int> pos;
     std::vector<std::pair<int, Scalar>> buf;
   };
-  // Counting needs the distinct columns only; filling also wants them in order, a few dozen at
-  // most, which an insertion sort puts right fastest.
-  auto mergeRow = [&](int I, Scratch& sc, bool sorted) {
+  auto mergeRow = [&](int I, Scratch& sc) {
     auto& buf = sc.buf;
     buf.clear();
     for (int m = start[static_cast<size_t>(I)]; m < start[static_cast<size_t>(I) + 1]; ++m) {
@@ -173,7 +173,6 @@ Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
       }
     }
     for (auto& e : buf) sc.pos[static_cast<size_t>(e.first)] = -1;
-    if (!sorted) return;
     for (size_t a = 1; a < buf.size(); ++a) {
       const auto e = buf[a];
       size_t b = a;
@@ -182,37 +181,50 @@ Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc) {
     }
   };
 
+  // One pass: each thread merges a block of rows into entries of its own. The first thread's
+  // arrays, with room reserved for every fine entry (address space only; no coarse matrix has
+  // more), then take the other blocks behind its own and become the matrix.
   Csr<Scalar> C;
   C.n = nc;
   C.outerStore.assign(static_cast<size_t>(nc) + 1, 0);
-#pragma omp parallel
+  const int threads = std::max(1, omp_get_max_threads());
+  std::vector<std::vector<int>> inner(static_cast<size_t>(threads));
+  std::vector<std::vector<Scalar>> values(static_cast<size_t>(threads));
+  std::vector<int> blockBegin(static_cast<size_t>(threads), nc);
+  inner[0].reserve(static_cast<size_t>(A.outer[A.n]));
+  values[0].reserve(static_cast<size_t>(A.outer[A.n]));
+#pragma omp parallel num_threads(threads) if (nc > 16384)
   {
+    const int t = omp_get_thread_num(), team = omp_get_num_threads();
+    const int I0 = static_cast<int>(int64_t(nc) * t / team), I1 = static_cast<int>(int64_t(nc) * (t + 1) / team);
+    blockBegin[static_cast<size_t>(t)] = I0;
     Scratch sc;
     sc.pos.assign(static_cast<size_t>(nc), -1);
-#pragma omp for schedule(static)
-    for (int I = 0; I < nc; ++I) {
-      mergeRow(I, sc, false);
+    auto& in = inner[static_cast<size_t>(t)];
+    auto& val = values[static_cast<size_t>(t)];
+    for (int I = I0; I < I1; ++I) {
+      mergeRow(I, sc);
       C.outerStore[static_cast<size_t>(I) + 1] = static_cast<int>(sc.buf.size());
-    }
-  }
-  for (size_t I = 1; I < C.outerStore.size(); ++I) C.outerStore[I] += C.outerStore[I - 1];
-  C.innerStore.resize(static_cast<size_t>(C.outerStore.back()));
-  C.valueStore.resize(static_cast<size_t>(C.outerStore.back()));
-#pragma omp parallel
-  {
-    Scratch sc;
-    sc.pos.assign(static_cast<size_t>(nc), -1);
-#pragma omp for schedule(static)
-    for (int I = 0; I < nc; ++I) {
-      mergeRow(I, sc, true);
-      int k = C.outerStore[static_cast<size_t>(I)];
       for (auto& [J, v] : sc.buf) {
-        C.innerStore[static_cast<size_t>(k)] = J;
-        C.valueStore[static_cast<size_t>(k)] = v;
-        ++k;
+        in.push_back(J);
+        val.push_back(v);
       }
     }
   }
+  for (size_t I = 1; I < C.outerStore.size(); ++I) C.outerStore[I] += C.outerStore[I - 1];
+  const auto total = static_cast<size_t>(C.outerStore.back());
+  inner[0].resize(total);  // within the room reserved
+  values[0].resize(total);
+  for (size_t t = 1; t < inner.size(); ++t) {
+    if (blockBegin[t] >= nc) continue;  // a thread the team did not have
+    const auto at = static_cast<ptrdiff_t>(C.outerStore[static_cast<size_t>(blockBegin[t])]);
+    std::copy(inner[t].begin(), inner[t].end(), inner[0].begin() + at);
+    std::copy(values[t].begin(), values[t].end(), values[0].begin() + at);
+    inner[t] = {};
+    values[t] = {};
+  }
+  C.innerStore = std::move(inner[0]);
+  C.valueStore = std::move(values[0]);
   C.adopt();
   return C;
 }
@@ -325,8 +337,8 @@ void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, co
     start1 = {};
     members1 = {};
     pos = {};
-    Csr<Scalar> A2 = coarsen(L.A, agg, n2);
     groupMembers(agg, n2, L.aggStart, L.aggMembers);
+    Csr<Scalar> A2 = coarsen(L.A, agg, n2, L.aggStart, L.aggMembers);
     L.bc.resize(static_cast<size_t>(n2));
     L.xc.resize(static_cast<size_t>(n2));
     auto next = std::make_unique<Level>();
