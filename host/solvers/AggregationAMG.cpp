@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <type_traits>
 
 namespace Merivane {
 
@@ -14,13 +15,15 @@ constexpr double kStrength = 0.25;  // a neighbour is strong at a quarter of the
 constexpr double kJacobiWeight = 2.0 / 3.0;
 constexpr int kMaxLevels = 25;
 
-// A CSR matrix, owned or borrowed.
+// A CSR matrix, owned or borrowed. A double-precision hierarchy may borrow its finest matrix
+// in single precision (`valuesF` instead of `values`) and read it converted, exactly.
 template <typename Scalar>
 struct Csr {
   int n = 0;
   const int* outer = nullptr;
   const int* inner = nullptr;
   const Scalar* values = nullptr;
+  const float* valuesF = nullptr;
   std::vector<int> outerStore, innerStore;
   std::vector<Scalar> valueStore;
 
@@ -33,6 +36,14 @@ struct Csr {
     return outerStore.size() * sizeof(int) + innerStore.size() * sizeof(int) + valueStore.size() * sizeof(Scalar);
   }
 };
+
+// Calls f with the values of A, in whichever precision they are held.
+template <typename Scalar, typename F>
+decltype(auto) withValues(const Csr<Scalar>& A, F&& f) {
+  if constexpr (!std::is_same_v<Scalar, float>)
+    if (A.valuesF) return f(A.valuesF);
+  return f(A.values);
+}
 
 // What a row offers to a pairing: the first neighbour (in the row's order) of the largest
 // strength -a_ij > 0 among those accepted, and the largest strength of all neighbours (0 if
@@ -147,9 +158,9 @@ void groupMembers(const std::vector<int>& agg, int nc, std::vector<int>& start, 
 
 // Galerkin product with piecewise-constant interpolation: Ac(I, J) = sum of A(i, j) over the
 // members i of I and j of J. Each coarse row is merged from its members' rows in a fixed order.
-template <typename Scalar>
-Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc, const std::vector<int>& start,
-                    const std::vector<int>& members) {
+template <typename Scalar, typename V>
+Csr<Scalar> coarsen(const Csr<Scalar>& A, const V* fine, const std::vector<int>& agg, int nc,
+                    const std::vector<int>& start, const std::vector<int>& members) {
   // Accumulates through a per-thread position table, then orders the row's few columns (a few
   // dozen at most, which an insertion sort puts right fastest).
   struct Scratch {
@@ -166,9 +177,9 @@ Csr<Scalar> coarsen(const Csr<Scalar>& A, const std::vector<int>& agg, int nc, c
         int& p = sc.pos[static_cast<size_t>(J)];
         if (p < 0) {
           p = static_cast<int>(buf.size());
-          buf.emplace_back(J, A.values[k]);
+          buf.emplace_back(J, static_cast<Scalar>(fine[k]));
         } else {
-          buf[static_cast<size_t>(p)].second += A.values[k];
+          buf[static_cast<size_t>(p)].second += static_cast<Scalar>(fine[k]);
         }
       }
     }
@@ -258,101 +269,134 @@ void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, co
   first->A.inner = inner;
   first->A.values = values;
   levels_.push_back(std::move(first));
+  build();
+}
 
+template <typename Scalar>
+void AggregationAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner, const float* values) {
+  if constexpr (std::is_same_v<Scalar, float>) {
+    setup(n, outer, inner, values);
+  } else {
+    levels_.clear();
+    size_ = n;
+    auto first = std::make_unique<Level>();
+    first->A.n = n;
+    first->A.outer = outer;
+    first->A.inner = inner;
+    first->A.valuesF = values;
+    levels_.push_back(std::move(first));
+    build();
+  }
+}
+
+template <typename Scalar>
+void AggregationAMG<Scalar>::build() {
   while (true) {
     Level& L = *levels_.back();
     const int ln = L.A.n;
     L.invDiag.assign(static_cast<size_t>(ln), Scalar(1));
+    withValues(L.A, [&](const auto* val) {
 #pragma omp parallel for schedule(static) if (ln > 65536)
-    for (int i = 0; i < ln; ++i)
-      for (int k = L.A.outer[i]; k < L.A.outer[i + 1]; ++k)
-        if (L.A.inner[k] == i && L.A.values[k] != Scalar(0)) L.invDiag[static_cast<size_t>(i)] = Scalar(1) / L.A.values[k];
+      for (int i = 0; i < ln; ++i)
+        for (int k = L.A.outer[i]; k < L.A.outer[i + 1]; ++k)
+          if (L.A.inner[k] == i && val[k] != 0) L.invDiag[static_cast<size_t>(i)] = Scalar(1) / static_cast<Scalar>(val[k]);
+    });
     L.r.resize(static_cast<size_t>(ln));
     if (ln <= kCoarsestSize || static_cast<int>(levels_.size()) >= kMaxLevels) break;
-
-    // Two rounds of pairing give aggregates of up to four nodes. The second round pairs on the
-    // Galerkin matrix of the first, whose rows are merged when needed rather than stored: on
-    // the finest level that matrix would be the largest allocation of the whole setup.
-    std::vector<int> agg1, agg2;
-    const Csr<Scalar>& A = L.A;
-    const int n1 = pairNodes<Scalar>(ln, rowQuery<Scalar>([&](int i, auto&& f) {
-      for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) f(A.inner[k], A.values[k]);
-    }), agg1);
-    std::vector<int> start1, members1;
-    groupMembers(agg1, n1, start1, members1);
-    // A row of the first round's Galerkin matrix, merged from its members' rows in a fixed order.
-    auto mergeRow = [&](int I, std::vector<int>& pos, std::vector<std::pair<int, Scalar>>& row) {
-      row.clear();
-      for (int m = start1[static_cast<size_t>(I)]; m < start1[static_cast<size_t>(I) + 1]; ++m) {
-        const int i = members1[static_cast<size_t>(m)];
-        for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
-          const int J = agg1[static_cast<size_t>(A.inner[k])];
-          int& p = pos[static_cast<size_t>(J)];
-          if (p < 0) {
-            p = static_cast<int>(row.size());
-            row.emplace_back(J, A.values[k]);
-          } else {
-            row[static_cast<size_t>(p)].second += A.values[k];
-          }
-        }
-      }
-      for (auto& e : row) pos[static_cast<size_t>(e.first)] = -1;
-    };
-    // The greedy second round is serial; the rows it asks about are ranked beforehand on all
-    // threads, so that it seldom merges one itself.
-    std::vector<Ranked<Scalar>> ranked(rankedPairing ? static_cast<size_t>(n1) : 0);
-#pragma omp parallel if (rankedPairing && n1 > 65536)
-    {
-      std::vector<int> pos(static_cast<size_t>(n1), -1);
-      std::vector<std::pair<int, Scalar>> row;
-#pragma omp for schedule(static)
-      for (int I = 0; I < static_cast<int>(ranked.size()); ++I) {
-        mergeRow(I, pos, row);
-        Ranked<Scalar>& r = ranked[static_cast<size_t>(I)];
-        for (auto& [J, v] : row)
-          if (J != I) r.add(J, -v);
-      }
-    }
-    std::vector<int> pos(static_cast<size_t>(n1), -1);
-    std::vector<std::pair<int, Scalar>> row;
-    const auto merged = rowQuery<Scalar>([&](int I, auto&& f) {
-      mergeRow(I, pos, row);
-      for (auto& [J, v] : row) f(J, v);
-    });
-    const auto query = [&](int I, auto accept) {
-      if (ranked.empty()) return merged(I, accept);
-      const Ranked<Scalar>& r = ranked[static_cast<size_t>(I)];
-      for (int k = 0; k < r.count; ++k)
-        if (accept(r.J[k])) return Strongest<Scalar>{r.J[k], r.s[k], r.maxAll};
-      return r.complete ? Strongest<Scalar>{-1, 0, r.maxAll} : merged(I, accept);
-    };
-    const int n2 = pairNodes<Scalar>(n1, query, agg2);
-    ranked = {};
-    if (n2 > ln * 0.85) break;  // coarsening stalled: solve here
-    // Node to aggregate serves the setup only; the cycle goes by the members of each aggregate.
-    std::vector<int> agg(static_cast<size_t>(ln));
-    for (int i = 0; i < ln; ++i) agg[static_cast<size_t>(i)] = agg2[static_cast<size_t>(agg1[static_cast<size_t>(i)])];
-    agg1 = {};
-    agg2 = {};
-    start1 = {};
-    members1 = {};
-    pos = {};
-    groupMembers(agg, n2, L.aggStart, L.aggMembers);
-    Csr<Scalar> A2 = coarsen(L.A, agg, n2, L.aggStart, L.aggMembers);
-    L.bc.resize(static_cast<size_t>(n2));
-    L.xc.resize(static_cast<size_t>(n2));
-    auto next = std::make_unique<Level>();
-    next->A = std::move(A2);
-    next->A.adopt();
-    levels_.push_back(std::move(next));
+    if (!withValues(L.A, [&](const auto* val) { return coarsenLevel(L, val); })) break;
   }
 
   // Dense Cholesky of the coarsest level, in double precision.
   const Level& C = *levels_.back();
   Eigen::MatrixXd dense = Eigen::MatrixXd::Zero(C.A.n, C.A.n);
-  for (int i = 0; i < C.A.n; ++i)
-    for (int k = C.A.outer[i]; k < C.A.outer[i + 1]; ++k) dense(i, C.A.inner[k]) = static_cast<double>(C.A.values[k]);
+  withValues(C.A, [&](const auto* val) {
+    for (int i = 0; i < C.A.n; ++i)
+      for (int k = C.A.outer[i]; k < C.A.outer[i + 1]; ++k) dense(i, C.A.inner[k]) = static_cast<double>(val[k]);
+  });
   coarsest_.compute(dense);
+}
+
+// Pairs the nodes of level L twice and appends the coarse level; false when coarsening stalls.
+template <typename Scalar>
+template <typename V>
+bool AggregationAMG<Scalar>::coarsenLevel(Level& L, const V* values) {
+  const int ln = L.A.n;
+  // Two rounds of pairing give aggregates of up to four nodes. The second round pairs on the
+  // Galerkin matrix of the first, whose rows are merged when needed rather than stored: on
+  // the finest level that matrix would be the largest allocation of the whole setup.
+  std::vector<int> agg1, agg2;
+  const Csr<Scalar>& A = L.A;
+  const int n1 = pairNodes<Scalar>(ln, rowQuery<Scalar>([&](int i, auto&& f) {
+    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) f(A.inner[k], static_cast<Scalar>(values[k]));
+  }), agg1);
+  std::vector<int> start1, members1;
+  groupMembers(agg1, n1, start1, members1);
+  // A row of the first round's Galerkin matrix, merged from its members' rows in a fixed order.
+  auto mergeRow = [&](int I, std::vector<int>& pos, std::vector<std::pair<int, Scalar>>& row) {
+    row.clear();
+    for (int m = start1[static_cast<size_t>(I)]; m < start1[static_cast<size_t>(I) + 1]; ++m) {
+      const int i = members1[static_cast<size_t>(m)];
+      for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+        const int J = agg1[static_cast<size_t>(A.inner[k])];
+        int& p = pos[static_cast<size_t>(J)];
+        if (p < 0) {
+          p = static_cast<int>(row.size());
+          row.emplace_back(J, static_cast<Scalar>(values[k]));
+        } else {
+          row[static_cast<size_t>(p)].second += static_cast<Scalar>(values[k]);
+        }
+      }
+    }
+    for (auto& e : row) pos[static_cast<size_t>(e.first)] = -1;
+  };
+  // The greedy second round is serial; the rows it asks about are ranked beforehand on all
+  // threads, so that it seldom merges one itself.
+  std::vector<Ranked<Scalar>> ranked(rankedPairing ? static_cast<size_t>(n1) : 0);
+#pragma omp parallel if (rankedPairing && n1 > 65536)
+  {
+    std::vector<int> pos(static_cast<size_t>(n1), -1);
+    std::vector<std::pair<int, Scalar>> row;
+#pragma omp for schedule(static)
+    for (int I = 0; I < static_cast<int>(ranked.size()); ++I) {
+      mergeRow(I, pos, row);
+      Ranked<Scalar>& r = ranked[static_cast<size_t>(I)];
+      for (auto& [J, v] : row)
+        if (J != I) r.add(J, -v);
+    }
+  }
+  std::vector<int> pos(static_cast<size_t>(n1), -1);
+  std::vector<std::pair<int, Scalar>> row;
+  const auto merged = rowQuery<Scalar>([&](int I, auto&& f) {
+    mergeRow(I, pos, row);
+    for (auto& [J, v] : row) f(J, v);
+  });
+  const auto query = [&](int I, auto accept) {
+    if (ranked.empty()) return merged(I, accept);
+    const Ranked<Scalar>& r = ranked[static_cast<size_t>(I)];
+    for (int k = 0; k < r.count; ++k)
+      if (accept(r.J[k])) return Strongest<Scalar>{r.J[k], r.s[k], r.maxAll};
+    return r.complete ? Strongest<Scalar>{-1, 0, r.maxAll} : merged(I, accept);
+  };
+  const int n2 = pairNodes<Scalar>(n1, query, agg2);
+  ranked = {};
+  if (n2 > ln * 0.85) return false;  // coarsening stalled: solve here
+  // Node to aggregate serves the setup only; the cycle goes by the members of each aggregate.
+  std::vector<int> agg(static_cast<size_t>(ln));
+  for (int i = 0; i < ln; ++i) agg[static_cast<size_t>(i)] = agg2[static_cast<size_t>(agg1[static_cast<size_t>(i)])];
+  agg1 = {};
+  agg2 = {};
+  start1 = {};
+  members1 = {};
+  pos = {};
+  groupMembers(agg, n2, L.aggStart, L.aggMembers);
+  Csr<Scalar> A2 = coarsen(L.A, values, agg, n2, L.aggStart, L.aggMembers);
+  L.bc.resize(static_cast<size_t>(n2));
+  L.xc.resize(static_cast<size_t>(n2));
+  auto next = std::make_unique<Level>();
+  next->A = std::move(A2);
+  next->A.adopt();
+  levels_.push_back(std::move(next));
+  return true;
 }
 
 template <typename Scalar>
@@ -369,19 +413,24 @@ void AggregationAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
   const Scalar w = static_cast<Scalar>(kJacobiWeight);
   const int* outer = L.A.outer;
   const int* inner = L.A.inner;
-  const Scalar* val = L.A.values;
   const Scalar* D = L.invDiag.data();
   Scalar* r = L.r.data();
   const bool par = n > 16384;
   // Pre-smoothing from zero, then the residual.
+  // r = b - A x.
+  const auto residual = [&] {
+    withValues(L.A, [&](const auto* val) {
+#pragma omp parallel for schedule(static) if (par)
+      for (int i = 0; i < n; ++i) {
+        Scalar s = b[i];
+        for (int k = outer[i]; k < outer[i + 1]; ++k) s -= static_cast<Scalar>(val[k]) * x[inner[k]];
+        r[i] = s;
+      }
+    });
+  };
 #pragma omp parallel for schedule(static) if (par)
   for (int i = 0; i < n; ++i) x[i] = w * D[i] * b[i];
-#pragma omp parallel for schedule(static) if (par)
-  for (int i = 0; i < n; ++i) {
-    Scalar s = b[i];
-    for (int k = outer[i]; k < outer[i + 1]; ++k) s -= val[k] * x[inner[k]];
-    r[i] = s;
-  }
+  residual();
   // Restrict, solve the coarse problem, interpolate.
   const int nc = static_cast<int>(L.bc.size());
   Scalar* bc = L.bc.data();
@@ -399,12 +448,7 @@ void AggregationAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
     for (int m = L.aggStart[static_cast<size_t>(I)]; m < L.aggStart[static_cast<size_t>(I) + 1]; ++m)
       x[L.aggMembers[static_cast<size_t>(m)]] += xc[I];
   // Post-smoothing: x += w D^-1 (b - A x), through r to keep x's old values for the product.
-#pragma omp parallel for schedule(static) if (par)
-  for (int i = 0; i < n; ++i) {
-    Scalar s = b[i];
-    for (int k = outer[i]; k < outer[i + 1]; ++k) s -= val[k] * x[inner[k]];
-    r[i] = s;
-  }
+  residual();
 #pragma omp parallel for schedule(static) if (par)
   for (int i = 0; i < n; ++i) x[i] += w * D[i] * r[i];
 }

@@ -12,6 +12,7 @@
 #include <Eigen/Dense>
 #include <Eigen/SparseCore>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 namespace Merivane {
@@ -29,10 +30,15 @@ class AggregationAMG {
   AggregationAMG& operator=(AggregationAMG&&) noexcept;
 
   // The matrix must be compressed and symmetric; its arrays are read as rows (CSR) and must
-  // outlive the preconditioner's use.
+  // outlive the preconditioner's use. A single-precision matrix serves a double hierarchy as
+  // it is, read converted.
   template <typename MatrixType>
   AggregationAMG& compute(const MatrixType& A) {
-    setup(static_cast<int>(A.rows()), A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
+    const auto* values = A.valuePtr();
+    if constexpr (std::is_same_v<std::remove_const_t<std::remove_pointer_t<decltype(values)>>, Scalar>)
+      setup(static_cast<int>(A.rows()), A.outerIndexPtr(), A.innerIndexPtr(), values);
+    else
+      setupSingle(static_cast<int>(A.rows()), A.outerIndexPtr(), A.innerIndexPtr(), values);
     return *this;
   }
   template <typename MatrixType>
@@ -63,6 +69,8 @@ class AggregationAMG {
   bool rankedPairing = true;
 
   void setup(int n, const int* outer, const int* inner, const Scalar* values);
+  // The same for single-precision values, which the finest level keeps reading as they are.
+  void setupSingle(int n, const int* outer, const int* inner, const float* values);
   void apply(const Scalar* b, Scalar* x) const;
 
   int levels() const;
@@ -73,6 +81,9 @@ class AggregationAMG {
 
  private:
   struct Level;
+  void build();
+  template <typename V>
+  bool coarsenLevel(Level& L, const V* values);
   void cycle(size_t level, const Scalar* b, Scalar* x) const;
   std::vector<std::unique_ptr<Level>> levels_;
   Eigen::Index size_ = 0;

@@ -96,3 +96,19 @@ TEST(AggregationAMG, VCycleIsSymmetricPositiveAndThreadIndependent) {
   EXPECT_NEAR(xMy, yMx, 1e-4 * (std::abs(xMy) + std::abs(yMx)));
   EXPECT_GT(x.cast<double>().dot(mx2.cast<double>()), 0.0);
 }
+
+// A double hierarchy over the single-precision matrix read as it is equals the one over a
+// double copy of it, bit for bit: every float converts to double exactly.
+TEST(AggregationAMG, SinglePrecisionMatrixServesADoubleHierarchyAsItIs) {
+  const Eigen::SparseMatrix<float, Eigen::RowMajor, int> A = randomWalkSystem({20, 18, 16}, 4, 5);
+  const Eigen::SparseMatrix<double, Eigen::RowMajor, int> Ad = A.cast<double>();
+  AggregationAMG<double> single, copy;
+  single.compute(A);
+  copy.compute(Ad);
+  ASSERT_GT(single.levels(), 2);
+  EXPECT_EQ(single.levelSizes(), copy.levelSizes());
+  // The copy's finest level is borrowed either way; the coarse levels weigh the same.
+  EXPECT_EQ(single.memoryBytes(), copy.memoryBytes());
+  const Eigen::VectorXd b = Eigen::VectorXd::Random(A.rows());
+  EXPECT_EQ(vcycle(single, b), vcycle(copy, b));
+}
