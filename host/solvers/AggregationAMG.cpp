@@ -261,6 +261,20 @@ AggregationAMG<Scalar>& AggregationAMG<Scalar>::operator=(AggregationAMG&&) noex
 
 template <typename Scalar>
 void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, const Scalar* values) {
+  build(n, outer, inner, values, nullptr);
+}
+
+template <typename Scalar>
+void AggregationAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner, const float* values) {
+  if constexpr (std::is_same_v<Scalar, float>)
+    build(n, outer, inner, values, nullptr);
+  else
+    build(n, outer, inner, nullptr, values);
+}
+
+template <typename Scalar>
+void AggregationAMG<Scalar>::build(int n, const int* outer, const int* inner, const Scalar* values,
+                                   const float* single) {
   levels_.clear();
   size_ = n;
   auto first = std::make_unique<Level>();
@@ -268,29 +282,9 @@ void AggregationAMG<Scalar>::setup(int n, const int* outer, const int* inner, co
   first->A.outer = outer;
   first->A.inner = inner;
   first->A.values = values;
+  first->A.valuesF = single;
   levels_.push_back(std::move(first));
-  build();
-}
 
-template <typename Scalar>
-void AggregationAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner, const float* values) {
-  if constexpr (std::is_same_v<Scalar, float>) {
-    setup(n, outer, inner, values);
-  } else {
-    levels_.clear();
-    size_ = n;
-    auto first = std::make_unique<Level>();
-    first->A.n = n;
-    first->A.outer = outer;
-    first->A.inner = inner;
-    first->A.valuesF = values;
-    levels_.push_back(std::move(first));
-    build();
-  }
-}
-
-template <typename Scalar>
-void AggregationAMG<Scalar>::build() {
   while (true) {
     Level& L = *levels_.back();
     const int ln = L.A.n;

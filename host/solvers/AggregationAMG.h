@@ -81,7 +81,8 @@ class AggregationAMG {
 
  private:
   struct Level;
-  void build();
+  // The finest level borrows `values`, or `single` when a double hierarchy reads floats.
+  void build(int n, const int* outer, const int* inner, const Scalar* values, const float* single);
   template <typename V>
   bool coarsenLevel(Level& L, const V* values);
   void cycle(size_t level, const Scalar* b, Scalar* x) const;
