@@ -20,15 +20,35 @@ Eigen::Vector3i halved(const Eigen::Vector3i& d) {
   return h;
 }
 
-// Averages 2 x 2 x 2 blocks (clipped at the far border) into a float image.
+// The descriptor of the next level: dimensions halved, the same extent, pixels of `type`.
+ImageDescriptor halvedDescriptor(const MemImage& in, PixelType type, int channels) {
+  const Eigen::Vector3i d = in.dimensions(), h = halved(d);
+  ImageDescriptor od = in.descriptor();
+  od.pixelType = type;
+  od.channels = channels;
+  od.dimensions = h;
+  for (int k = 0; k < 3; ++k) od.spacing[k] = in.spacing()[k] * d[k] / h[k];
+  return od;
+}
+
+// Calls f with the linear index of every voxel of the 2 x 2 x 2 block under voxel (x, y, z) of
+// the next level, clipped at the far border, in z, y, x order.
+template <typename F>
+inline void forBlock(const Eigen::Vector3i& d, int x, int y, int z, F&& f) {
+  for (int dz = 0; dz < 2; ++dz)
+    for (int dy = 0; dy < 2; ++dy)
+      for (int dx = 0; dx < 2; ++dx) {
+        const int sx = 2 * x + dx, sy = 2 * y + dy, sz = 2 * z + dz;
+        if (sx < d[0] && sy < d[1] && sz < d[2]) f((static_cast<size_t>(sz) * d[1] + sy) * d[0] + sx);
+      }
+}
+
+// Averages 2 x 2 x 2 blocks into a float image.
 std::unique_ptr<MemImage> downsampleMean(const MemImage& in) {
   const Eigen::Vector3i d = in.dimensions(), h = halved(d);
   const int C = in.channels();
-  ImageDescriptor od = in.descriptor();
-  od.pixelType = F32;
-  od.dimensions = h;
-  for (int k = 0; k < 3; ++k) od.spacing[k] = in.spacing()[k] * d[k] / h[k];
-  auto out = std::make_unique<TypedImage<float>>(od, nullptr, MemImage::Ownership::Owned, false);
+  auto out = std::make_unique<TypedImage<float>>(halvedDescriptor(in, F32, C), nullptr, MemImage::Ownership::Owned,
+                                                 false);
   float* o = out->pointer();
   dispatchPixelType(in.type(), [&](auto tag) {
     using T = decltype(tag);
@@ -40,14 +60,10 @@ std::unique_ptr<MemImage> downsampleMean(const MemImage& in) {
           for (int c = 0; c < C; ++c) {
             double s = 0.0;
             int n = 0;
-            for (int dz = 0; dz < (d[2] > 1 ? 2 : 1); ++dz)
-              for (int dy = 0; dy < (d[1] > 1 ? 2 : 1); ++dy)
-                for (int dx = 0; dx < (d[0] > 1 ? 2 : 1); ++dx) {
-                  const int sx = 2 * x + dx, sy = 2 * y + dy, sz = 2 * z + dz;
-                  if (sx >= d[0] || sy >= d[1] || sz >= d[2]) continue;
-                  s += static_cast<double>(p[((static_cast<size_t>(sz) * d[1] + sy) * d[0] + sx) * C + c]);
-                  ++n;
-                }
+            forBlock(d, x, y, z, [&](size_t i) {
+              s += static_cast<double>(p[i * C + c]);
+              ++n;
+            });
             o[((static_cast<size_t>(z) * h[1] + y) * h[0] + x) * C + c] = static_cast<float>(s / n);
           }
   });
@@ -57,12 +73,8 @@ std::unique_ptr<MemImage> downsampleMean(const MemImage& in) {
 // The most frequent non-zero value of each block, the smaller on a tie; 0 for an empty block.
 std::unique_ptr<MemImage> downsampleLabels(const MemImage& in) {
   const Eigen::Vector3i d = in.dimensions(), h = halved(d);
-  ImageDescriptor od = in.descriptor();
-  od.pixelType = U8;
-  od.channels = 1;
-  od.dimensions = h;
-  for (int k = 0; k < 3; ++k) od.spacing[k] = in.spacing()[k] * d[k] / h[k];
-  auto out = std::make_unique<TypedImage<unsigned char>>(od, nullptr, MemImage::Ownership::Owned, false);
+  auto out = std::make_unique<TypedImage<unsigned char>>(halvedDescriptor(in, U8, 1), nullptr,
+                                                         MemImage::Ownership::Owned, false);
   unsigned char* o = out->pointer();
   const int C = in.channels();
   dispatchPixelType(in.type(), [&](auto tag) {
@@ -74,15 +86,10 @@ std::unique_ptr<MemImage> downsampleLabels(const MemImage& in) {
         for (int x = 0; x < h[0]; ++x) {
           std::array<unsigned char, 8> v{};
           int n = 0;
-          for (int dz = 0; dz < 2; ++dz)
-            for (int dy = 0; dy < 2; ++dy)
-              for (int dx = 0; dx < 2; ++dx) {
-                const int sx = 2 * x + dx, sy = 2 * y + dy, sz = 2 * z + dz;
-                if (sx >= d[0] || sy >= d[1] || sz >= d[2]) continue;
-                const double s = static_cast<double>(p[((static_cast<size_t>(sz) * d[1] + sy) * d[0] + sx) * C]);
-                const auto u = static_cast<unsigned char>(std::clamp(s, 0.0, 255.0));
-                if (u != 0) v[static_cast<size_t>(n++)] = u;
-              }
+          forBlock(d, x, y, z, [&](size_t i) {
+            const auto u = static_cast<unsigned char>(std::clamp(static_cast<double>(p[i * C]), 0.0, 255.0));
+            if (u != 0) v[static_cast<size_t>(n++)] = u;
+          });
           unsigned char best = 0;
           int bestCount = 0;
           for (int a = 0; a < n; ++a) {
