@@ -24,6 +24,11 @@ namespace Merivane::IO::detail {
 
 std::string baseName(const std::string& path) { return fs::path(path).filename().string(); }
 
+std::unique_ptr<SharedImageSet> ReadFailure::operator()(const std::string& what) const {
+  if (error) *error = file + ": " + what;
+  return nullptr;
+}
+
 bool readFileBytes(const std::string& path, std::string& out, std::string* error) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {

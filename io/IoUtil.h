@@ -18,6 +18,13 @@ namespace Merivane::IO::detail {
 
 // The file name without its folders, for messages.
 std::string baseName(const std::string& path);
+// A reader's failure: sets `error` to "FILE: problem" and yields no image.
+struct ReadFailure {
+  std::string file;
+  std::string* error;
+  std::unique_ptr<SharedImageSet> operator()(const std::string& what) const;
+};
+
 // The whole file, or false with `error` naming the file.
 bool readFileBytes(const std::string& path, std::string& out, std::string* error);
 

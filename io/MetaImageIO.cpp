@@ -48,10 +48,7 @@ bool isStandardKey(const std::string& k) {
 
 std::unique_ptr<SharedImageSet> readMetaImage(const std::string& path, std::string* error) {
   const std::string file = baseName(path);
-  auto fail = [&](const std::string& what) -> std::unique_ptr<SharedImageSet> {
-    if (error) *error = file + ": " + what;
-    return nullptr;
-  };
+  const ReadFailure fail{file, error};
   std::string bytes;
   if (!readFileBytes(path, bytes, error)) return nullptr;
 

@@ -78,10 +78,7 @@ void quietLibrary() {
 std::unique_ptr<SharedImageSet> readNifti(const std::string& path, std::string* error) {
   quietLibrary();
   const std::string file = baseName(path);
-  auto fail = [&](const std::string& what) -> std::unique_ptr<SharedImageSet> {
-    if (error) *error = file + ": " + what;
-    return nullptr;
-  };
+  const ReadFailure fail{file, error};
   {
     // The library accepts almost anything with the right extension; check the magic first.
     // gzread reads plain files as they are, so this covers .nii and .nii.gz alike.

@@ -89,10 +89,7 @@ std::string vectorText(const Eigen::Vector3d& v) {
 
 std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* error) {
   const std::string file = baseName(path);
-  auto fail = [&](const std::string& what) -> std::unique_ptr<SharedImageSet> {
-    if (error) *error = file + ": " + what;
-    return nullptr;
-  };
+  const ReadFailure fail{file, error};
   std::string bytes;
   if (!readFileBytes(path, bytes, error)) return nullptr;
   if (bytes.compare(0, 7, "NRRD000") != 0 || bytes.size() < 8) return fail("not a NRRD file (no NRRD000x magic)");
