@@ -147,6 +147,8 @@ std::unique_ptr<LinearSolver> GraphLaplacianAlgorithm::createSolver(int id) cons
 
 Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
   const auto start = Clock::now();
+  lastSolveStatus_ = statusError;
+  lastIterations_ = 0;
   GraphLaplacian& g = *graph_;
   const Eigen::Index nU = static_cast<Eigen::Index>(g.unknownIndices().size());
   if (verbose) LOG_INFO(kCategory, g.seedIndices().size() << " labelled pixels / " << nU << " unknowns");
@@ -192,6 +194,7 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
     return previousSolution_;
   }
   solver->verbose = verbose.value();
+  solver->canceled = canceled_;
 
   // Without a previous solution the guess is b itself, not a copy of it.
   Eigen::VectorXf reused;
@@ -212,10 +215,29 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
 
   solver->solve(A, b, x, guess);
   lastIterations_ = solver->lastIterations();
-  lastResidual_ = nU > 0 ? static_cast<double>((A * x - b).norm()) : 0.0;
+  const SolverInfo info = solver->info();
+  const bool usable = info == SolverInfo::Success || info == SolverInfo::NoConvergence;
+  lastResidual_ = nU > 0 && usable ? static_cast<double>((A * x - b).norm()) : 0.0;
   if (verbose) {
     LOG_INFO(kCategory, "[GraphSegmentation] 3) Resolution of the system: " << msSince(start) << " ms");
     LOG_INFO(kCategory, "Residual : " << lastResidual_);
+  }
+  switch (info) {
+    case SolverInfo::Success: lastSolveStatus_ = statusSuccess; break;
+    case SolverInfo::NoConvergence:
+      // The iterate is kept: it is usually close, and the warning says how close.
+      LOG_WARN(kCategory, "The solver stopped at its limit of " << solverIterations.value()
+                              << " iterations with a relative residual of " << solver->lastError()
+                              << ", above the tolerance of 1e" << solverToleranceLog.value()
+                              << "; raise \"Solver Iterations\" for an exact result");
+      lastSolveStatus_ = statusSuccess;
+      break;
+    case SolverInfo::Canceled: lastSolveStatus_ = statusCanceled; break;
+    case SolverInfo::NumericalIssue:
+    case SolverInfo::InvalidInput:
+      LOG_ERROR(kCategory, "The linear system could not be solved (" << toString(info) << " after "
+                               << solver->lastIterations() << " iterations); no result");
+      return previousSolution_;
   }
   return x;
 }
@@ -248,6 +270,11 @@ void GraphLaplacianAlgorithm::compute() {
 
   Eigen::VectorXf lastSolution = previousSolution_;
   Progress::Task task(progress_, nLevels - minIndex, "Computing Segmentation...");
+  canceled_ = [&task] { return task.wasCanceled(); };
+  struct ClearCancel {
+    std::function<bool()>& f;
+    ~ClearCancel() { f = nullptr; }
+  } clearCancel{canceled_};
   bool solved = false;
   for (int level = nLevels - 1; !(level < minIndex && (level < 0 || solved)); --level) {
     if (level < 0) break;
@@ -269,6 +296,12 @@ void GraphLaplacianAlgorithm::compute() {
     // The coarser result, already propagated into this level, warm-starts the solve.
     if (level != nLevels - 1) previousSolution_ = graph_->generateVectorFromImage(*resultPyramid.level(level));
     lastSolution = solveLaplace(priorPyramid.level(level));
+    if (lastSolveStatus_ != statusSuccess) {
+      if (lastSolveStatus_ == statusCanceled) LOG_WARN(kCategory, "Segmentation cancelled");
+      result_.reset();
+      setStatus(lastSolveStatus_);
+      return;
+    }
     graph_->generateImageFromVector(lastSolution, *resultPyramid.level(level));
     if (level != 0) resultPyramid.propagateUp(level);
     solved = true;

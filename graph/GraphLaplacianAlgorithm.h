@@ -3,6 +3,7 @@
 // system, solves level by level from coarse to fine, and gives a float probability image
 // with the geometry of the labels.
 #include <Eigen/Core>
+#include <functional>
 #include <memory>
 
 #include "Algorithm.h"
@@ -43,9 +44,12 @@ class GraphLaplacianAlgorithm : public Algorithm {
   void setPreviousSolution(Eigen::VectorXf v) { previousSolution_ = std::move(v); }
   // Creates the solver of a table id, null for an unknown id.
   std::unique_ptr<LinearSolver> createSolver(int id) const;
-  // What the last solveLaplace did.
+  // What the last solveLaplace did: iterations, the residual |A x - b|, and an algorithm status
+  // (success also when the solver stopped above its tolerance, which only warns; an error when
+  // the solver id is unknown or the solve failed; canceled).
   int lastIterations() const { return lastIterations_; }
   double lastResidual() const { return lastResidual_; }
+  int lastSolveStatus() const { return lastSolveStatus_; }
 
   Parameter<bool> verbose{"Verbose", true, this};
   Parameter<unsigned short> graphType{"Graph Type", 0, this};
@@ -68,6 +72,8 @@ class GraphLaplacianAlgorithm : public Algorithm {
   Eigen::VectorXf previousSolution_;
   int lastIterations_ = 0;
   double lastResidual_ = 0.0;
+  int lastSolveStatus_ = statusSuccess;
+  std::function<bool()> canceled_;  // the run's progress task, during compute()
 };
 
 }  // namespace Merivane

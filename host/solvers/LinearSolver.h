@@ -1,13 +1,26 @@
 #pragma once
 // The host's solvers for A x = b with A sparse, symmetric positive definite and single
 // precision. Iterative solvers start from the guess and stop at the iteration limit or when
-// |A x - b| / |b| falls below the tolerance; direct solvers ignore both.
+// the relative residual |A x - b| / |b| falls to the tolerance; direct solvers ignore both.
+// `info()` tells how the last solve ended.
 #include <Eigen/SparseCore>
+#include <functional>
 #include <memory>
 
 namespace Merivane {
 
 using SparseMatrixF = Eigen::SparseMatrix<float, Eigen::ColMajor, int>;
+
+// How a solve ended, in the manner of Eigen's ComputationInfo.
+enum class SolverInfo {
+  Success,         // converged (iterative) or factorised and solved (direct)
+  NoConvergence,   // stopped at the iteration limit above the tolerance; x is the last iterate
+  NumericalIssue,  // not positive definite, a breakdown, or NaN or infinity in an iterate
+  InvalidInput,    // NaN or infinity in the matrix or the right side, or sizes that differ
+  Canceled,        // `canceled` answered true; x is the last iterate
+};
+
+const char* toString(SolverInfo info);
 
 class LinearSolver {
  public:
@@ -17,15 +30,21 @@ class LinearSolver {
                      const Eigen::VectorXf& guess) = 0;
 
   bool verbose = false;
+  // Asked between iterations by the iterative solvers; true ends the solve as Canceled.
+  std::function<bool()> canceled;
 
-  // What the last solve did: iterations run (0 for direct solvers) and the relative residual
-  // the solver itself estimated.
+  SolverInfo info() const { return info_; }
+
+  // What the last solve did: iterations run (0 for direct solvers) and the relative residual of
+  // the x it returned.
   int lastIterations() const { return lastIterations_; }
   double lastError() const { return lastError_; }
   // Bytes of working storage the last solve held beyond A, b and x.
   size_t lastWorkspaceBytes() const { return lastWorkspaceBytes_; }
 
  protected:
+  friend struct SolverReport;
+  SolverInfo info_ = SolverInfo::Success;
   int lastIterations_ = 0;
   double lastError_ = 0.0;
   size_t lastWorkspaceBytes_ = 0;

@@ -13,6 +13,7 @@
 
 #include "LinearSolver.h"
 #include "Log.h"
+#include "SolverSupport.h"
 
 namespace Merivane {
 
@@ -21,7 +22,7 @@ namespace {
 constexpr const char* kCategory = "Solver";
 
 // Runs BiCGSTAB with a Jacobi preconditioner in the given memory context.
-void viennaSolve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x, const Eigen::VectorXf& guess,
+void viennaSolveOnce(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x, const Eigen::VectorXf& guess,
                  int iterations, float tolerance, viennacl::context ctx, int& itOut, double& errOut) {
   const size_t n = static_cast<size_t>(A.rows());
   const size_t nnz = static_cast<size_t>(A.nonZeros());
@@ -38,6 +39,11 @@ void viennaSolve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::Vector
   const Eigen::VectorXf& start = guess.size() == b.size() ? guess : b;
   viennacl::fast_copy(start.data(), start.data() + n, vguess.begin());
 
+  // ViennaCL measures against the initial residual, we against |b|: ask for what makes both
+  // agree.
+  const Eigen::VectorXf& from = guess.size() == b.size() ? guess : b;
+  const double r0 = (b - A * from).cast<double>().norm(), nb = b.cast<double>().norm();
+  if (r0 > 0 && nb > 0) tolerance = static_cast<float>(std::min(1.0, tolerance * nb / r0));
   viennacl::linalg::bicgstab_tag tag(tolerance, static_cast<viennacl::vcl_size_t>(std::max(iterations, 0)),
                                      static_cast<viennacl::vcl_size_t>(std::max(iterations, 1)));
   viennacl::linalg::jacobi_precond<viennacl::compressed_matrix<float>> precond(vA, viennacl::linalg::jacobi_tag());
@@ -51,18 +57,40 @@ void viennaSolve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::Vector
   errOut = solver.tag().error();
 }
 
+// The same until the true residual meets the tolerance: in single precision the solver's own
+// residual drifts from it, so a run that stops early is continued from where it ended.
+void viennaSolve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x, const Eigen::VectorXf& guess,
+                 int iterations, float tolerance, viennacl::context ctx, int& itOut, double& errOut) {
+  itOut = 0;
+  Eigen::VectorXf start = guess.size() == b.size() ? guess : b;
+  const double nb = b.cast<double>().norm();
+  for (int round = 0; round < 4 && itOut < iterations; ++round) {
+    int it = 0;
+    viennaSolveOnce(A, b, x, start, iterations - itOut, tolerance, ctx, it, errOut);
+    itOut += it;
+    const double rel = nb > 0 ? (A * x - b).cast<double>().norm() / nb : 0.0;
+    if (!(rel > tolerance) || it == 0) return;
+    start = x;
+  }
+}
+
 }  // namespace
 
 void BiCGStabViennaCPUSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
                                     const Eigen::VectorXf& guess) {
-  if (A.rows() == 0) {
-    x.resize(0);
+  SolverReport report(*this);
+  if (!report.begin(A, b, x)) return;
+  if (!inputFinite(A, b)) {
+    report.info = SolverInfo::InvalidInput;
     return;
   }
-  viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::MAIN_MEMORY), lastIterations_,
-              lastError_);
-  lastWorkspaceBytes_ = static_cast<size_t>(A.nonZeros()) * 8 + static_cast<size_t>(A.rows()) * 4 * 10;
-  if (verbose) LOG_INFO(kCategory, "[Vienna] BiCGSTAB-CPU: " << lastIterations_ << " iterations, error " << lastError_);
+  double ownError = 0;
+  viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::MAIN_MEMORY), report.iterations,
+              ownError);
+  report.judge(A, b, x, tolerance_);
+  report.workspaceBytes = static_cast<size_t>(A.nonZeros()) * 8 + static_cast<size_t>(A.rows()) * 4 * 10;
+  if (verbose)
+    LOG_INFO(kCategory, "[Vienna] BiCGSTAB-CPU: " << report.iterations << " iterations, relative residual " << report.error);
 }
 
 bool BiCGStabViennaGPUSolver::deviceAvailable() {
@@ -82,10 +110,13 @@ bool BiCGStabViennaGPUSolver::deviceAvailable() {
 
 void BiCGStabViennaGPUSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
                                     const Eigen::VectorXf& guess) {
-  if (A.rows() == 0) {
-    x.resize(0);
+  SolverReport report(*this);
+  if (!report.begin(A, b, x)) return;
+  if (!inputFinite(A, b)) {
+    report.info = SolverInfo::InvalidInput;
     return;
   }
+  double ownError = 0;
   static std::atomic<bool> warned{false};
   bool done = false;
   if (deviceAvailable()) {
@@ -100,8 +131,8 @@ void BiCGStabViennaGPUSolver::solve(const SparseMatrixF& A, const Eigen::VectorX
           }
         viennacl::ocl::set_context_device_type(0, CL_DEVICE_TYPE_ALL);
       });
-      viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::OPENCL_MEMORY), lastIterations_,
-                  lastError_);
+      viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::OPENCL_MEMORY),
+                  report.iterations, ownError);
       done = true;
     } catch (const std::exception& e) {
       if (!warned.exchange(true)) LOG_WARN(kCategory, "OpenCL solve failed (" << e.what() << "); solving on the CPU");
@@ -110,10 +141,12 @@ void BiCGStabViennaGPUSolver::solve(const SparseMatrixF& A, const Eigen::VectorX
     LOG_WARN(kCategory, "No OpenCL device found; [Vienna] BiCGSTAB-GPU solves on the CPU");
   }
   if (!done)
-    viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::MAIN_MEMORY), lastIterations_,
-                lastError_);
-  lastWorkspaceBytes_ = static_cast<size_t>(A.nonZeros()) * 8 + static_cast<size_t>(A.rows()) * 4 * 10;
-  if (verbose) LOG_INFO(kCategory, "[Vienna] BiCGSTAB-GPU: " << lastIterations_ << " iterations, error " << lastError_);
+    viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::MAIN_MEMORY), report.iterations,
+                ownError);
+  report.judge(A, b, x, tolerance_);
+  report.workspaceBytes = static_cast<size_t>(A.nonZeros()) * 8 + static_cast<size_t>(A.rows()) * 4 * 10;
+  if (verbose)
+    LOG_INFO(kCategory, "[Vienna] BiCGSTAB-GPU: " << report.iterations << " iterations, relative residual " << report.error);
 }
 
 }  // namespace Merivane

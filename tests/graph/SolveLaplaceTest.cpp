@@ -142,14 +142,21 @@ TEST(SolveLaplace, PriorPullsUnknownsTowardsItsNormalisedValues) {
   EXPECT_GT(with[2], 0.5f * (with[1] + with[3]));
 }
 
-TEST(SolveLaplace, ZeroPriorGivesNaNAndNothingCatchesIt) {
+// A prior that is zero everywhere divides by its zero maximum: the right side holds NaN, which
+// the solver refuses, and the run ends with an error instead of a map of NaN.
+TEST(SolveLaplace, ZeroPriorIsRefusedWithOneErrorLine) {
   auto img = floatFrame({5, 1, 1}, [](int, int, int) { return 1.0; });
   auto lab = labelFrame({5, 1, 1}, [](int x, int, int) { return x == 0 ? 1 : (x == 4 ? 2 : 0); });
   auto prior = floatFrame({5, 1, 1}, [](int, int, int) { return 0.0; });
-  auto a = makeAlgorithm(*img, *lab, 1);
-  a->graph().generateGraph(*img, *lab);
-  Eigen::VectorXf x = a->solveLaplace(prior.get());
-  EXPECT_TRUE(x.hasNaN());
+  for (int id : {1, 4}) {
+    auto a = makeAlgorithm(*img, *lab, id);
+    a->graph().generateGraph(*img, *lab);
+    TestKit::LogCapture log;
+    Eigen::VectorXf x = a->solveLaplace(prior.get());
+    EXPECT_EQ(a->lastSolveStatus(), Algorithm::statusError) << "id " << id;
+    EXPECT_EQ(x, a->previousSolution()) << "id " << id;
+    EXPECT_EQ(log.count(Log::Error), 1) << "id " << id;
+  }
 }
 
 // With no iterations the solver leaves x at its guess, which shows which guess was chosen.
@@ -194,8 +201,43 @@ TEST(SolveLaplace, UnknownSolverIdReturnsPreviousSolutionWithOneErrorLine) {
   a->graph().generateGraph(*img, *lab);
   TestKit::LogCapture log;
   EXPECT_EQ(a->solveLaplace(nullptr), prev);
+  EXPECT_EQ(a->lastSolveStatus(), Algorithm::statusError);
   EXPECT_EQ(log.count(Log::Error), 1);
   EXPECT_TRUE(log.contains("Incorrect solver ID"));
+}
+
+// A failed solve ends the run: error status, no result, the error line once.
+TEST(GraphLaplacianAlgorithm, FailedSolveEndsTheRunWithAnErrorAndNoResult) {
+  auto img = floatFrame({6, 6, 1}, [](int x, int, int) { return x < 3 ? 0.0 : 1.0; });
+  auto lab = labelFrame({6, 6, 1}, [](int x, int y, int) { return y == 0 ? (x == 0 ? 1 : (x == 5 ? 2 : 0)) : 0; });
+  auto zero = floatFrame({6, 6, 1}, [](int, int, int) { return 0.0; });
+  for (int id : {8, 4}) {
+    GraphLaplacianAlgorithm a(*img, *lab, id == 4 ? zero.get() : nullptr);
+    a.verbose = false;
+    a.solverId = static_cast<unsigned short>(id);
+    TestKit::LogCapture log;
+    a.compute();
+    EXPECT_EQ(a.status(), Algorithm::statusError) << "id " << id;
+    EXPECT_EQ(a.takeOutput().size(), 0) << "id " << id;
+    EXPECT_EQ(log.count(Log::Error), 1) << "id " << id;
+  }
+}
+
+// A solver stopped by its iteration limit keeps its iterate and says so in one warning; the
+// run succeeds, since the values are usually close.
+TEST(GraphLaplacianAlgorithm, IterationLimitAboveToleranceWarnsAndKeepsTheIterate) {
+  auto img = floatFrame({16, 16, 1}, [](int x, int y, int) { return std::sin(x * 0.7) + std::cos(y * 1.3); });
+  auto lab = labelFrame({16, 16, 1}, [](int x, int y, int) { return x == 0 && y == 0 ? 1 : (x == 15 && y == 15 ? 2 : 0); });
+  for (int id : {2, 3, 4, 5, 6}) {
+    auto a = makeAlgorithm(*img, *lab, id, 1, -12);
+    a->graph().generateGraph(*img, *lab);
+    TestKit::LogCapture log;
+    Eigen::VectorXf x = a->solveLaplace(nullptr);
+    EXPECT_EQ(a->lastSolveStatus(), Algorithm::statusSuccess) << "id " << id;
+    EXPECT_EQ(x.size(), static_cast<Eigen::Index>(a->graph().unknownIndices().size())) << "id " << id;
+    EXPECT_EQ(log.count(Log::Warning), 1) << "id " << id;
+    EXPECT_TRUE(log.contains("Solver Iterations")) << "id " << id;
+  }
 }
 
 TEST(GraphLaplacianAlgorithm, ConfigureSwapsGraphClassAndKeepsItForUnknownTypes) {

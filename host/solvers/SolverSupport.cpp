@@ -1,0 +1,73 @@
+#include "SolverSupport.h"
+
+#include <cmath>
+
+namespace Merivane {
+
+const char* toString(SolverInfo info) {
+  switch (info) {
+    case SolverInfo::Success: return "success";
+    case SolverInfo::NoConvergence: return "no convergence";
+    case SolverInfo::NumericalIssue: return "numerical issue";
+    case SolverInfo::InvalidInput: return "invalid input";
+    case SolverInfo::Canceled: return "canceled";
+  }
+  return "unknown";
+}
+
+bool inputFinite(const SparseMatrixF& A, const Eigen::VectorXf& b) {
+  const float* v = A.valuePtr();
+  const Eigen::Index nnz = A.nonZeros();
+  bool ok = b.allFinite();
+#pragma omp parallel for schedule(static) reduction(&& : ok) if (nnz > 65536)
+  for (Eigen::Index k = 0; k < nnz; ++k) ok = ok && std::isfinite(v[k]);
+  return ok;
+}
+
+double relativeResidual(const SparseMatrixF& A, const Eigen::VectorXf& b, const Eigen::VectorXf& x) {
+  const Krylov::Matrix K{A.rows(), A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr()};
+  const double r = (A * x - b).cast<double>().norm();
+  const double nb = b.cast<double>().norm();
+  return r == 0 ? 0.0 : r / (nb > 0 ? nb : Krylov::normInf(K) * x.cast<double>().norm());
+}
+
+bool SolverReport::begin(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x) {
+  if (A.rows() != A.cols() || b.size() != A.rows()) {
+    info = SolverInfo::InvalidInput;
+    return false;
+  }
+  if (A.rows() == 0) {
+    x.resize(0);
+    return false;
+  }
+  return true;
+}
+
+void SolverReport::take(const Krylov::Outcome& out) {
+  iterations = out.iterations;
+  error = out.relativeResidual;
+  if (out.canceled)
+    info = SolverInfo::Canceled;
+  else if (!out.finite)
+    info = out.iterations == 0 ? SolverInfo::InvalidInput : SolverInfo::NumericalIssue;
+  else if (out.converged)
+    info = SolverInfo::Success;
+  else if (out.breakdown)
+    info = SolverInfo::NumericalIssue;
+  else
+    info = SolverInfo::NoConvergence;
+}
+
+void SolverReport::judge(const SparseMatrixF& A, const Eigen::VectorXf& b, const Eigen::VectorXf& x,
+                         double tolerance) {
+  if (!inputFinite(A, b)) {
+    info = SolverInfo::InvalidInput;
+    return;
+  }
+  error = x.size() == b.size() ? relativeResidual(A, b, x) : std::nan("");
+  info = !std::isfinite(error) ? SolverInfo::NumericalIssue
+         : error <= tolerance  ? SolverInfo::Success
+                               : SolverInfo::NoConvergence;
+}
+
+}  // namespace Merivane

@@ -1,0 +1,187 @@
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <Eigen/Dense>
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "GraphLaplacianImage.h"
+#include "Krylov.h"
+#include "LinearSolver.h"
+#include "SharedImageSet.h"
+#include "SystemReduction.h"
+
+using namespace Merivane;
+
+namespace {
+
+// The random-walk system of a noisy 2D image with a few seeds: symmetric positive definite,
+// weights over several orders of magnitude.
+ReducedSystem noisySystem(int n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(0.0f, 1.0f);
+  auto img = TypedImage<float>::zeros({n, n, 1}, 1);
+  auto lab = TypedImage<unsigned char>::zeros({n, n, 1}, 1);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x) {
+      img->setValue((x < n / 2 ? 0.0f : 1.0f) + 0.2f * u(rng), x, y, 0);
+      if (x == 1 && y % 4 == 0) lab->setValue(1, x, y, 0);
+      if (x == n - 2 && y % 4 == 2) lab->setValue(2, x, y, 0);
+    }
+  SharedImage image(std::shared_ptr<Image>(std::move(img)));
+  SharedImage labels(std::shared_ptr<Image>(std::move(lab)));
+  GraphLaplacianImage g;
+  g.adaptiveness = 20.0;
+  g.generateGraph(image, labels);
+  auto sys = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
+  sys.A.makeCompressed();
+  return sys;
+}
+
+std::unique_ptr<LinearSolver> makeSolver(int id, int iterations, float tolerance) {
+  switch (id) {
+    case 0: return std::make_unique<LLTFloatSolver>();
+    case 1: return std::make_unique<LLTEigenSolver>();
+    case 2: return std::make_unique<CGSolver>(iterations, tolerance);
+    case 3: return std::make_unique<BiCGStabSolver>(iterations, tolerance);
+    case 4: return std::make_unique<BiCGStabEigenSolver>(true, iterations, tolerance);
+    case 5: return std::make_unique<BiCGStabEigenSolver>(false, iterations, tolerance);
+    case 6: return std::make_unique<BiCGStabViennaCPUSolver>(iterations, tolerance);
+    default: return std::make_unique<BiCGStabViennaGPUSolver>(iterations, tolerance);
+  }
+}
+
+bool iterative(int id) { return id >= 2; }
+
+}  // namespace
+
+class EverySolverId : public ::testing::TestWithParam<int> {};
+
+// Each solver reaches the dense solution and says so; the iterative ones within what their
+// stopping test promises.
+TEST_P(EverySolverId, SolvesARandomWalkSystemAndReportsSuccess) {
+  const int id = GetParam();
+  const ReducedSystem sys = noisySystem(24, 3);
+  const Eigen::VectorXd ref = Eigen::MatrixXd(Eigen::MatrixXf(sys.A).cast<double>()).ldlt().solve(sys.b.cast<double>());
+  auto solver = makeSolver(id, 5000, 1e-5f);
+  Eigen::VectorXf x;
+  solver->solve(sys.A, sys.b, x, Eigen::VectorXf());
+  ASSERT_EQ(solver->info(), SolverInfo::Success) << toString(solver->info()) << " " << solver->lastError() << " after " << solver->lastIterations();
+  ASSERT_EQ(x.size(), sys.b.size());
+  const double rel = (sys.A * x - sys.b).cast<double>().norm() / sys.b.cast<double>().norm();
+  if (iterative(id)) {
+    EXPECT_LE(rel, 1e-5);
+    EXPECT_GT(solver->lastIterations(), 0);
+  } else {
+    EXPECT_EQ(solver->lastIterations(), 0);
+  }
+  EXPECT_LT((x.cast<double>() - ref).cwiseAbs().maxCoeff(), 1e-3);
+}
+
+// NaN or infinity in the system is refused, whatever the method.
+TEST_P(EverySolverId, NonFiniteRightSideIsInvalidInput) {
+  const int id = GetParam();
+  ReducedSystem sys = noisySystem(12, 4);
+  for (float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+    Eigen::VectorXf b = sys.b;
+    b[3] = bad;
+    auto solver = makeSolver(id, 100, 1e-6f);
+    Eigen::VectorXf x;
+    solver->solve(sys.A, b, x, Eigen::VectorXf());
+    EXPECT_EQ(solver->info(), SolverInfo::InvalidInput) << toString(solver->info());
+  }
+}
+
+TEST_P(EverySolverId, EmptySystemSucceedsWithAnEmptySolution) {
+  auto solver = makeSolver(GetParam(), 10, 1e-6f);
+  SparseMatrixF A(0, 0);
+  A.makeCompressed();
+  Eigen::VectorXf x = Eigen::VectorXf::Ones(3);
+  solver->solve(A, Eigen::VectorXf(), x, Eigen::VectorXf());
+  EXPECT_EQ(solver->info(), SolverInfo::Success);
+  EXPECT_EQ(x.size(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ids, EverySolverId, ::testing::Range(0, 8));
+
+class IterativeSolverId : public ::testing::TestWithParam<int> {};
+
+// Stopped by the iteration limit above the tolerance: the last iterate, and NoConvergence.
+TEST_P(IterativeSolverId, IterationLimitGivesNoConvergence) {
+  const ReducedSystem sys = noisySystem(24, 5);
+  auto solver = makeSolver(GetParam(), 2, 1e-12f);
+  Eigen::VectorXf x;
+  solver->solve(sys.A, sys.b, x, Eigen::VectorXf());
+  EXPECT_EQ(solver->info(), SolverInfo::NoConvergence) << toString(solver->info());
+  EXPECT_LE(solver->lastIterations(), 2);
+  EXPECT_GT(solver->lastError(), 1e-12);
+  EXPECT_TRUE(x.allFinite());
+}
+
+INSTANTIATE_TEST_SUITE_P(Ids, IterativeSolverId, ::testing::Range(2, 8));
+
+class KrylovSolverId : public ::testing::TestWithParam<int> {};
+
+// A cancel request is seen between iterations and leaves the iterate it reached.
+TEST_P(KrylovSolverId, CancelRequestEndsTheSolve) {
+  const ReducedSystem sys = noisySystem(24, 6);
+  auto solver = makeSolver(GetParam(), 1000, 1e-12f);
+  int asked = 0;
+  solver->canceled = [&] { return ++asked > 2; };
+  Eigen::VectorXf x;
+  solver->solve(sys.A, sys.b, x, Eigen::VectorXf());
+  EXPECT_EQ(solver->info(), SolverInfo::Canceled);
+  EXPECT_EQ(solver->lastIterations(), 2);
+  EXPECT_TRUE(x.allFinite());
+}
+
+// Iterates do not depend on the number of threads: dot products add fixed blocks in order.
+TEST_P(KrylovSolverId, IteratesDoNotDependOnTheThreadCount) {
+  const ReducedSystem sys = noisySystem(220, 7);  // 48k unknowns: the loops run in parallel
+  Eigen::VectorXf x1, x2;
+  const int threads = omp_get_max_threads();
+  omp_set_num_threads(1);
+  auto one = makeSolver(GetParam(), 15, 1e-12f);
+  one->solve(sys.A, sys.b, x1, Eigen::VectorXf());
+  omp_set_num_threads(std::max(2, threads));
+  auto two = makeSolver(GetParam(), 15, 1e-12f);
+  two->solve(sys.A, sys.b, x2, Eigen::VectorXf());
+  omp_set_num_threads(threads);
+  EXPECT_EQ(one->lastIterations(), two->lastIterations());
+  EXPECT_TRUE(x1 == x2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ids, KrylovSolverId, ::testing::Range(2, 6));
+
+TEST(LinearSolver, CholeskyOfAnIndefiniteMatrixIsANumericalIssue) {
+  Eigen::MatrixXf dense(3, 3);
+  dense << 1, 2, 0, 2, 1, 0, 0, 0, 1;
+  SparseMatrixF A = dense.sparseView();
+  A.makeCompressed();
+  for (int id : {0, 1}) {
+    auto solver = makeSolver(id, 0, 0);
+    Eigen::VectorXf x;
+    solver->solve(A, Eigen::VectorXf::Ones(3), x, Eigen::VectorXf());
+    EXPECT_EQ(solver->info(), SolverInfo::NumericalIssue) << "id " << id;
+  }
+}
+
+// Conjugate gradients on an indefinite matrix meet a direction of non-positive curvature.
+TEST(Krylov, ConjugateGradientStopsOnNonPositiveCurvature) {
+  std::vector<int> outer{0, 1, 2}, inner{0, 1};
+  std::vector<float> values{1.0f, -1.0f};
+  const Krylov::Matrix A{2, outer.data(), inner.data(), values.data()};
+  const std::vector<float> b{0.0f, 1.0f};
+  std::vector<float> x{0.0f, 0.0f};
+  const auto identity = [](const float* in, float* out) { std::copy(in, in + 2, out); };
+  const Krylov::Outcome out = Krylov::conjugateGradient<float>(A, b.data(), x.data(), identity, {10, 1e-8, {}});
+  EXPECT_FALSE(out.converged);
+  EXPECT_TRUE(out.breakdown);
+}
+
+TEST(Krylov, AvailableThreadsIsWithinOneAndTheOpenMPLimit) {
+  const int t = Krylov::availableThreads();
+  EXPECT_GE(t, 1);
+  EXPECT_LE(t, omp_get_max_threads());
+}
