@@ -501,8 +501,9 @@ std::unique_ptr<Mesh> GraphBasedSegmentation::extractSegmentation3D(double smoot
     const double perFace = exportResolution * exportResolution * std::sqrt(3.0) / 4.0;
     MeshProcessing::simplify(*mesh, std::max<size_t>(4, static_cast<size_t>(area / perFace)));
   } else {
+    // As many subdivisions as halvings of e it takes to reach the export resolution.
     int halvings = 0;
-    while (e > exportResolution && halvings < 4) {
+    while (e > exportResolution) {
       e *= 0.5;
       ++halvings;
     }

@@ -42,8 +42,8 @@ GraphLaplacianAlgorithm::~GraphLaplacianAlgorithm() = default;
 
 bool GraphLaplacianAlgorithm::createCompatible(const DataList& data, Algorithm** algorithm) {
   if (data.size() < 2 || data.size() > 3) return false;
+  // Volumes only: a list of 2D images leaves the volume query short of the list and is refused.
   auto images = data.getImages(Data::kindVolume);
-  if (images.empty()) images = data.getImages(Data::kindImage);
   if (static_cast<int>(images.size()) != data.size()) return false;
   for (auto* set : images)
     if (!set->get(-1)) return false;

@@ -16,9 +16,11 @@
 // a 64-bit integer. The target stores (value + shift) * scale converted to its type the
 // same way. A one-channel operand is broadcast to every channel.
 //
-// Shapes are not checked beyond pixel counts: the target drives the loop, and operands are
-// read at the same pixel, so they must have the target's grid. A mismatch leaves the
-// target unchanged with one log line.
+// Shapes are not checked: the target drives the loop, and every operand is read at the
+// target's linear pixel index, so an operand of another shape but at least as many pixels is
+// read there as it lies in memory (the caller makes the shapes agree). An operand with fewer
+// pixels than the target would be read past its end: it leaves the target unchanged with one
+// log line.
 #include <omp.h>
 
 #include <Eigen/Core>
@@ -216,7 +218,7 @@ class Array<TypedImage<T>, T, false> : public ExprBaseTpl<Array<TypedImage<T>, T
   ImageDescriptor imgDesc() const { return img_ ? img_->descriptor() : ImageDescriptor(); }
   int numImgs() const { return 1; }
   int deviceStrategy() const { return CpuOnly; }
-  bool memValid(size_t pixels) const { return img_ && data_ && img_->descriptor().pixelCount() == pixels; }
+  bool memValid(size_t pixels) const { return img_ && data_ && img_->descriptor().pixelCount() >= pixels; }
   Array convertToMemImgExpr() const { return *this; }
   Array atFrame(int) const { return *this; }
   std::string evalString(internal::GlBuilder& b) const {
@@ -281,7 +283,7 @@ class MemReader : public ExprBaseTpl<MemReader> {
   int numImgs() const { return 1; }
   int deviceStrategy() const { return CpuOnly; }
   bool memValid(size_t pixels) const {
-    return img_ && data_ && type_ != F16 && img_->descriptor().pixelCount() == pixels;
+    return img_ && data_ && type_ != F16 && img_->descriptor().pixelCount() >= pixels;
   }
   MemReader convertToMemImgExpr() const { return *this; }
   MemReader atFrame(int) const { return *this; }
@@ -406,7 +408,7 @@ class Coordinates : public ExprBaseTpl<Coordinates> {
   ImageDescriptor imgDesc() const { return desc_; }
   int numImgs() const { return 1; }
   int deviceStrategy() const { return GpuAllowed; }
-  bool memValid(size_t pixels) const { return desc_.pixelCount() == pixels; }
+  bool memValid(size_t pixels) const { return desc_.pixelCount() >= pixels; }
   Coordinates convertToMemImgExpr() const { return *this; }
   Coordinates atFrame(int) const { return *this; }
   std::string evalString(internal::GlBuilder& b) const { return b.coordinates(m_); }

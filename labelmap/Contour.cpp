@@ -16,27 +16,32 @@ constexpr const char* kCategory = "Seg.Contour";
 const char* const kTypeNames[] = {"Closed PolyLine", "Closed Spline", "Closed Loop",
                                   "Smart Spline",    "Open Spline",   "Open Polyline"};
 
-// The curve in pixel coordinates of `frame`, sampled densely enough for filling.
+// The curve in pixel coordinates of `frame`, sampled densely enough for filling. Points are
+// in centred image coordinates: pixel = p / spacing + (size / 2 - 1/2), whatever the matrix.
 std::vector<Eigen::Vector2d> pixelCurve(const Contour& c, const SharedImage& frame) {
-  std::vector<Eigen::Vector3d> world;
+  std::vector<Eigen::Vector3d> curve;
   const bool closed = Contour::isClosedType(c.type);
   const bool spline = c.type == Contour::Type::ClosedSpline || c.type == Contour::Type::OpenSpline ||
                       c.type == Contour::Type::SmartSpline || c.type == Contour::Type::ClosedLoop;
+  const Eigen::Vector2d spacing = frame.descriptor().spacing.head<2>();
   if (spline && c.points.size() >= 3) {
     Spline s(c.points, closed);
-    const double minSpacing = frame.descriptor().spacing.head<2>().minCoeff();
+    const double minSpacing = spacing.minCoeff();
     const int n = std::clamp(static_cast<int>(std::ceil(4 * s.length() / std::max(minSpacing, 1e-9))), 8, 1 << 20);
-    world = s.sampleByLength(n);
+    curve = s.sampleByLength(n);
   } else {
-    world = c.points;
+    curve = c.points;
   }
+  const Eigen::Vector2d centre =
+      frame.descriptor().dimensions.head<2>().cast<double>() * 0.5 - Eigen::Vector2d::Constant(0.5);
   std::vector<Eigen::Vector2d> out;
-  out.reserve(world.size());
-  for (const auto& p : world) out.push_back(frame.worldToPixel(p).head<2>());
+  out.reserve(curve.size());
+  for (const auto& p : curve) out.push_back(p.head<2>().cwiseQuotient(spacing) + centre);
   return out;
 }
 
-// Even-odd fill of a closed polygon over pixel centres.
+// Fills the pixels whose centres lie strictly inside a closed polygon (even-odd). A centre on
+// the curve stays out: traced contours run through the background pixels round a region.
 void fillPolygon(const std::vector<Eigen::Vector2d>& poly, unsigned char value, TypedImage<unsigned char>& img) {
   const int w = img.width(), h = img.height(), n = static_cast<int>(poly.size());
   if (n < 3) return;
@@ -56,6 +61,41 @@ void fillPolygon(const std::vector<Eigen::Vector2d>& poly, unsigned char value, 
       for (int x = x0; x <= x1; ++x) img.setValue(value, x, y);
     }
   }
+  // The half-open rule keeps some centres on the curve (left ends, lower edges): clear them.
+  // A sampled spline passes its control points only to within the chord error, so "on the
+  // curve" allows a twentieth of a pixel; a label's own centres lie at least half a pixel in.
+  constexpr double eps = 0.05;
+  for (int i = 0; i < n; ++i) {
+    const Eigen::Vector2d& a = poly[i];
+    const Eigen::Vector2d& b = poly[(i + 1) % n];
+    const Eigen::Vector2d d = b - a;
+    const double len2 = d.squaredNorm();
+    const int x0 = std::max(0, static_cast<int>(std::ceil(std::min(a.x(), b.x()) - eps)));
+    const int x1 = std::min(w - 1, static_cast<int>(std::floor(std::max(a.x(), b.x()) + eps)));
+    const int y0 = std::max(0, static_cast<int>(std::ceil(std::min(a.y(), b.y()) - eps)));
+    const int y1 = std::min(h - 1, static_cast<int>(std::floor(std::max(a.y(), b.y()) + eps)));
+    for (int y = y0; y <= y1; ++y)
+      for (int x = x0; x <= x1; ++x) {
+        const Eigen::Vector2d p(x, y);
+        const double t = len2 > 0 ? std::clamp((p - a).dot(d) / len2, 0.0, 1.0) : 0.0;
+        if ((a + t * d - p).squaredNorm() <= eps * eps) img.setValue(0, x, y);
+      }
+  }
+}
+
+// Grows the non-zero pixels of `img` by a disc of `r` pixels (a dilation; grown pixels take
+// the value of the region, which is one label here).
+void dilate(TypedImage<unsigned char>& img, int r, unsigned char value) {
+  if (r <= 0) return;
+  const int w = img.width(), h = img.height();
+  std::vector<unsigned char> src(img.pointer(), img.pointer() + static_cast<size_t>(w) * h);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      if (!src[static_cast<size_t>(y) * w + x]) continue;
+      for (int dy = std::max(-r, -y); dy <= std::min(r, h - 1 - y); ++dy)
+        for (int dx = std::max(-r, -x); dx <= std::min(r, w - 1 - x); ++dx)
+          if (dx * dx + dy * dy <= r * r) img.setValue(value, x + dx, y + dy);
+    }
 }
 
 // A band of radius r pixels along an open curve.
@@ -185,6 +225,8 @@ std::unique_ptr<TypedImage<unsigned char>> Contour::labelMapFromContour(const Sh
   const auto curve = pixelCurve(*this, *f);
   if (isClosedType(type)) {
     fillPolygon(curve, value, *mask);
+    // The margin of a closed contour grows the filled region.
+    if (marginOrRadius) dilate(*mask, *marginOrRadius, value);
   } else {
     int radius = 10, adapt = 50;
     if (marginOrRadius) radius = *marginOrRadius;

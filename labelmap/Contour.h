@@ -1,8 +1,9 @@
 #pragma once
-// One drawn or computed curve on one frame of a label map: control points in world
-// coordinates, the label it paints, its type (closed or open, polyline or spline) and how it
-// came to be. Contours are the lasting, editable form of an outline and paint back into label
-// pixels with labelMapFromContour.
+// One drawn or computed curve on one frame of a label map: control points in centred image
+// coordinates (millimetres from the frame's centre along its axes; the matrix is not applied),
+// the label it paints, its type (closed or open, polyline or spline) and how it came to be.
+// Contours are the lasting, editable form of an outline and paint back into label pixels with
+// labelMapFromContour.
 #include <Eigen/Core>
 #include <memory>
 #include <optional>
@@ -50,7 +51,8 @@ class Contour : public Configurable {
   static bool isClosedType(Type type) { return type == Type::ClosedPolyLine || type == Type::ClosedSpline || type == Type::ClosedLoop || type == Type::SmartSpline; }
 
   // A U8 image of the shape of frame `frame` of `labelMap`, `labelValue` inside the contour
-  // (closed types: the pixels whose centres it encloses; open types: a band of the radius)
+  // (closed types: the pixels whose centres lie strictly inside, grown by the margin when one
+  // is set; open types: a band of the radius)
   // and 0 elsewhere. Null for a frame that does not exist.
   std::unique_ptr<TypedImage<unsigned char>> labelMapFromContour(const SharedImageSet& labelMap) const;
 

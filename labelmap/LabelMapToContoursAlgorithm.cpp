@@ -55,9 +55,9 @@ std::vector<Seg::Contour> LabelMapToContoursAlgorithm::createContoursFromLabelMa
     if (!img) continue;
     const int w = img->width(), h = img->height(), c = img->channels();
     const Eigen::Vector2d spacing = frame->descriptor().spacing.head<2>();
+    // Centred image coordinates: the frame's centre at 0, millimetres along its axes.
     const Eigen::Vector2d origin =
         -(Eigen::Vector2d(w, h) * 0.5 - Eigen::Vector2d::Constant(0.5)).cwiseProduct(spacing);
-    const Eigen::Matrix4d m = frame->matrix();
 
     // Bounding boxes of every value in one pass.
     std::array<Box, 256> boxes;
@@ -79,28 +79,32 @@ std::vector<Seg::Contour> LabelMapToContoursAlgorithm::createContoursFromLabelMa
       const Box& b = boxes[label];
       if (!b.present()) continue;
       try {
-        // The label's box with a ring of background round it; where the label touches the
-        // image border the ring lies outside the image and closes the curve half a pixel out.
-        const int x0 = b.x0 - 1, y0 = b.y0 - 1, cw = b.x1 - b.x0 + 3, ch = b.y1 - b.y0 + 3;
+        // The label's box and a ring of background round it, within the frame: every cell
+        // the curve crosses, so the polylines are those of the whole frame. A region on the
+        // frame's border gives an open polyline there, which the closed spline joins up.
+        const int x0 = std::max(b.x0 - 1, 0), y0 = std::max(b.y0 - 1, 0);
+        const int cw = std::min(b.x1 + 1, w - 1) - x0 + 1, ch = std::min(b.y1 + 1, h - 1) - y0 + 1;
         std::vector<unsigned char> mask(static_cast<size_t>(cw) * ch, 0);
         for (int y = b.y0; y <= b.y1; ++y) {
           const unsigned char* row = img->pointer() + img->index(0, y);
           unsigned char* out = mask.data() + static_cast<size_t>(y - y0) * cw - x0;
           for (int x = b.x0; x <= b.x1; ++x) out[x] = row[x * c] == label;
         }
+        // Traced at 0, the curve runs through the centres of the outermost background pixels,
+        // and pixels of the label that touch at a corner belong to one curve.
         std::vector<MarchingSquares::Polyline> lines;
         const Eigen::Vector2d cropOrigin = origin + Eigen::Vector2d(x0, y0).cwiseProduct(spacing);
-        MarchingSquares::run<const unsigned char>(mask.data(), cw, ch, 0.5, lines, cropOrigin, spacing);
+        MarchingSquares::run<const unsigned char>(mask.data(), cw, ch, 0.0, lines, cropOrigin, spacing);
         for (const auto& line : lines) {
+          // A hole of one or two pixels shrinks to a point or a stroke, which encloses nothing.
+          if (line.size() < 3) continue;
           std::vector<Eigen::Vector3d> pts;
           pts.reserve(line.size());
           for (const auto& p : line) pts.emplace_back(p.x(), p.y(), 0.0);
-          const Spline spline = Spline(std::move(pts), true).getApproximateClosedSpline(skip, refineSpline);
-          std::vector<Eigen::Vector3d> world;
-          world.reserve(spline.points().size());
-          for (const auto& p : spline.points()) world.push_back((m * p.homogeneous()).hnormalized());
-          LOG_DEBUG(kCategory, "Contour with " << world.size() << " points was created.");
-          perLabel[li].emplace_back(Seg::Contour::Type::ClosedSpline, label, f, std::move(world));
+          std::vector<Eigen::Vector3d> points =
+              Spline(std::move(pts), true).getApproximateClosedSpline(skip, refineSpline).points();
+          LOG_DEBUG(kCategory, "Contour with " << points.size() << " points was created.");
+          perLabel[li].emplace_back(Seg::Contour::Type::ClosedSpline, label, f, std::move(points));
         }
       } catch (const std::exception& e) {  // nothing may leave the parallel region
         LOG_ERROR(kCategory, "Could not trace label " << label << ": " << e.what());
@@ -170,15 +174,13 @@ void LabelMapToContoursAlgorithm::compute() {
   }
   if (skipFactor < 2) skipFactor = 1;
 
+  // A cancelled extraction ends with the contours of the frames done so far, and they are
+  // kept like those of a full run.
   std::vector<Seg::Contour> contours;
   try {
     contours = createContoursFromLabelMap(*labelMap_, frames, labelValues);
   } catch (const std::exception& e) {
     LOG_ERROR(kCategory, "Contour extraction failed: " << e.what());
-    return;
-  }
-  if (progress_ && progress_->isCanceled()) {
-    setStatus(statusCanceled);
     return;
   }
   if (contours.empty()) {
@@ -205,13 +207,11 @@ void LabelMapToContoursAlgorithm::compute() {
   }
 
   if (reapplySegmentation) {
+    // Every contour stored on the frame is painted, those of earlier runs and edits included.
     Progress::Task task(progress_, frames.second - frames.first + 1, "Applying contours to labelmap");
     for (int f = frames.first; f <= frames.second; ++f) {
       if (task.wasCanceled()) break;
-      std::vector<Seg::Contour*> onFrame;
-      for (auto& c : contours)
-        if (c.frame == f) onFrame.push_back(&c);
-      mergeContoursAndApply(onFrame, *target, f);
+      mergeContoursAndApply(storage->contours(f), *target, f);
       task.incrementStep();
     }
   }

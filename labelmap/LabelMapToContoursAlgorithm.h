@@ -1,11 +1,12 @@
 #pragma once
-// Closed contours from the labels of a 2D label map: per frame and label, marching squares on
-// the label's pixels (the curve runs half-way between label and background pixel centres,
-// round the label's area), one closed spline per region through about one point in
-// "skipFactor", stored as Seg::Contour objects (world coordinates) in the map's
-// Seg::ContoursStorageComponent. Optionally repaints the map from the contours. Labels are
-// traced in parallel, each in its own bounding box; the order of the contours is frame, label,
-// then region by lowest pixel, whatever the thread count.
+// Closed contours from the labels of a 2D label map: per frame and label, marching squares at
+// 0 on a mask of the label's pixels (the curve runs through the centres of the outermost
+// background pixels, and pixels touching at a corner share one curve), one closed spline per
+// region through about one point in "skipFactor", stored as Seg::Contour objects in centred
+// image coordinates in the map's Seg::ContoursStorageComponent. Optionally repaints each
+// frame from all the contours stored on it. Labels are traced in parallel, each in its own
+// bounding box; the order of the contours is frame, label, then region by lowest pixel,
+// whatever the thread count. A cancelled run keeps the contours of the frames it finished.
 #include <memory>
 #include <string>
 #include <utility>

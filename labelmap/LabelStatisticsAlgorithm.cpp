@@ -121,16 +121,6 @@ void LabelStatisticsAlgorithm::compute() {
     setStatus(statusInvalidInput);
     return;
   }
-  if (floatPrecision < 0 || floatPrecision > 17) {
-    LOG_ERROR(kCategory, "floatPrecision must lie in 0..17, not " << floatPrecision.value());
-    setStatus(statusInvalidInput);
-    return;
-  }
-  if (floatFormatting < 0 || floatFormatting > 2) {
-    LOG_ERROR(kCategory, "floatFormatting must be 0, 1 or 2, not " << floatFormatting.value());
-    setStatus(statusInvalidInput);
-    return;
-  }
   const auto* mapping = firstMapping(image_);
   bool realWorld = useRealWorldValues_ && mapping;
   if (realWorld && useGPU) {
@@ -165,6 +155,8 @@ void LabelStatisticsAlgorithm::compute() {
   auto number = [&](const std::optional<double>& v) -> std::string {
     if (!v) return "--";
     std::ostringstream s;
+    // Any value is taken: the stream decides what a precision means, and a formatting other
+    // than 1 or 2 leaves its default notation.
     s.precision(floatPrecision);
     if (floatFormatting == 1) s << std::fixed;
     else if (floatFormatting == 2) s << std::scientific;

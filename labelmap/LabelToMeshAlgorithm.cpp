@@ -23,11 +23,10 @@ namespace {
 
 constexpr const char* kCategory = "Seg.LabelToMeshAlgorithm";
 
-// Box filter of radius r along each axis in turn (running sums), the border value repeated
-// beyond the image.
+// Box filter of radius r along each axis in turn (running sums). At the image border the box
+// is clipped and the mean taken over the voxels it still holds.
 void boxFilter(TypedImage<float>& img, int r) {
   const Eigen::Vector3i d = img.dimensions();
-  const float norm = 1.0f / static_cast<float>(2 * r + 1);
   for (int axis = 0; axis < 3; ++axis) {
     const int n = d[axis];
     const long stride = axis == 0 ? 1 : (axis == 1 ? d[0] : static_cast<long>(d[0]) * d[1]);
@@ -44,12 +43,14 @@ void boxFilter(TypedImage<float>& img, int r) {
         for (int i = 0; i < nu; ++i) {
           float* p = base + i * su + j * sv;
           for (int k = 0; k < n; ++k) line[k] = p[k * stride];
-          auto at = [&](int k) { return line[std::clamp(k, 0, n - 1)]; };
+          // The window [k - r, k + r] within [0, n - 1].
           double sum = 0;
-          for (int k = -r; k <= r; ++k) sum += at(k);
+          for (int k = 0; k <= std::min(r, n - 1); ++k) sum += line[k];
           for (int k = 0; k < n; ++k) {
-            p[k * stride] = static_cast<float>(sum) * norm;
-            sum += static_cast<double>(at(k + r + 1)) - static_cast<double>(at(k - r));
+            const int lo = std::max(k - r, 0), hi = std::min(k + r, n - 1);
+            p[k * stride] = static_cast<float>(sum / (hi - lo + 1));
+            if (k + r + 1 < n) sum += line[k + r + 1];
+            if (k - r >= 0) sum -= line[k - r];
           }
         }
     }
@@ -295,7 +296,9 @@ void LabelToMeshAlgorithm::compute() {
     std::vector<std::unique_ptr<Mesh>> slots(static_cast<size_t>(n));
     std::mutex progressMutex;
     int done = 0;
-    const int margin = smoothing + 1;
+    // The box filter reads r voxels beyond a voxel that the surface may cross, and those are
+    // within r of the label: a margin of 2 r + 1 keeps the crop's clipped edges out of reach.
+    const int margin = 2 * smoothing + 1;
     const Eigen::Vector3i last = mem->dimensions() - Eigen::Vector3i::Ones();
     // One label per iteration; a single label leaves the threads to marching cubes instead.
 #pragma omp parallel for schedule(dynamic, 1) if (n > 1)

@@ -98,16 +98,23 @@ void run(T* data, int width, int height, double isoValue, std::vector<Polyline>&
     };
     const bool isClosed = walk(segments[start][1], forward);
     Polyline line;
+    // A crossing at a sample that lies on the level is shared by the two edges that meet
+    // there (a 0/1 mask traced at 0 puts every point on a background sample): keep it once.
+    auto append = [&](int32_t edge) {
+      const Eigen::Vector2d p = point(edge);
+      if (line.empty() || line.back() != p) line.push_back(p);
+    };
     if (isClosed) {
       // The last edge of the walk is the start's first end again.
       line.reserve(forward.size());
-      line.push_back(point(segments[start][0]));
-      for (size_t i = 0; i + 1 < forward.size(); ++i) line.push_back(point(forward[i]));
+      append(segments[start][0]);
+      for (size_t i = 0; i + 1 < forward.size(); ++i) append(forward[i]);
+      if (line.size() > 1 && line.back() == line.front()) line.pop_back();
     } else {
       walk(segments[start][0], backward);
       line.reserve(forward.size() + backward.size());
-      for (auto it = backward.rbegin(); it != backward.rend(); ++it) line.push_back(point(*it));
-      for (int32_t e : forward) line.push_back(point(e));
+      for (auto it = backward.rbegin(); it != backward.rend(); ++it) append(*it);
+      for (int32_t e : forward) append(e);
     }
     out.push_back(std::move(line));
     if (closed) closed->push_back(isClosed);

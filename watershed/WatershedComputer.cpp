@@ -165,7 +165,10 @@ std::pair<WatershedComputer::StopReason, int> WatershedComputer::process(Job& jo
     }
 
     failure = StopReason::Cancelled;
-    if (!Watershed::run(*source_, *seeds, this, job.roiMin, job.roiMax)) return {StopReason::Cancelled, 0};
+    // The flooding also answers false for images it cannot take (logged there): without a
+    // cancel request that is a misfit of the two, not a cancellation.
+    if (!Watershed::run(*source_, *seeds, this, job.roiMin, job.roiMax))
+      return {isCanceled() ? StopReason::Cancelled : StopReason::Incompatible, 0};
     result_ = std::move(seeds);
 
     failure = StopReason::PostProcessFailed;

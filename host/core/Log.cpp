@@ -1,5 +1,7 @@
 #include "Log.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -23,6 +25,26 @@ struct State {
 State& state() {
   static State s;
   return s;
+}
+
+// The message without terminal control sequences (ESC [ parameters, then one final byte in
+// @..~; any other ESC takes the byte after it along).
+std::string withoutTerminalCodes(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\033') {
+      out.push_back(text[i]);
+      continue;
+    }
+    if (i + 1 < text.size() && text[i + 1] == '[') {
+      i += 2;
+      while (i < text.size() && !(text[i] >= '@' && text[i] <= '~')) ++i;
+    } else {
+      ++i;
+    }
+  }
+  return out;
 }
 
 }  // namespace
@@ -64,10 +86,12 @@ void log(int level, const std::string& category, const std::string& message, con
   // Sinks run outside the lock so that one may log again.
   for (auto& sink : sinks) sink(level, category, message);
   if (toStderr) {
+    // Colour and other terminal codes only reach a terminal, never a file or a pipe.
+    const std::string text = isatty(fileno(stderr)) ? message : withoutTerminalCodes(message);
     if (category.empty())
-      std::fprintf(stderr, "[%s] %s\n", levelName(level), message.c_str());
+      std::fprintf(stderr, "[%s] %s\n", levelName(level), text.c_str());
     else
-      std::fprintf(stderr, "[%s] %s: %s\n", levelName(level), category.c_str(), message.c_str());
+      std::fprintf(stderr, "[%s] %s: %s\n", levelName(level), category.c_str(), text.c_str());
   }
 }
 

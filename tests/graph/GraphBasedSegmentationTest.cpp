@@ -189,6 +189,29 @@ TEST(GraphBasedSegmentation, CreateCompatibleWantsImageAndU8OneChannelLabels) {
   EXPECT_FALSE(GraphBasedSegmentation::createCompatible(DataList{img.get()}));
 }
 
+// The driver takes volumes only; a list of 2D images is refused however well it fits otherwise.
+class GraphLaplacianCompatible : public testing::TestWithParam<int> {};
+
+TEST_P(GraphLaplacianCompatible, TakesVolumesOnly) {
+  const int slices = GetParam();
+  auto img = TestKit::makeSet(F32, {8, 8, slices});
+  auto lab = TestKit::makeSet(U8, {8, 8, slices});
+  auto prior = TestKit::makeSet(F32, {8, 8, slices});
+  auto twoChannels = TestKit::makeSet(U8, {8, 8, slices}, 1, 2);
+  auto otherPrior = TestKit::makeSet(F32, {8, 7, slices});
+  const bool volume = slices > 1;
+  Algorithm* a = nullptr;
+  EXPECT_EQ(GraphLaplacianAlgorithm::createCompatible(DataList{img.get(), lab.get()}, &a), volume);
+  EXPECT_EQ(a != nullptr, volume);
+  delete a;
+  EXPECT_EQ(GraphLaplacianAlgorithm::createCompatible(DataList{img.get(), lab.get(), prior.get()}, nullptr), volume);
+  EXPECT_FALSE(GraphLaplacianAlgorithm::createCompatible(DataList{img.get(), twoChannels.get()}, nullptr));
+  EXPECT_FALSE(GraphLaplacianAlgorithm::createCompatible(DataList{img.get(), lab.get(), otherPrior.get()}, nullptr));
+  EXPECT_FALSE(GraphLaplacianAlgorithm::createCompatible(DataList{img.get()}, nullptr));
+}
+
+INSTANTIATE_TEST_SUITE_P(Slices, GraphLaplacianCompatible, testing::Values(1, 2, 5));
+
 TEST(GraphLaplacianAlgorithm, LevelsWithoutSeedsAreSkipped) {
   // Single-voxel seeds vanish from no level (the label pyramid keeps non-zero values), so use
   // seeds that only the finest level separates: object and background inside one 2x2 block.
@@ -234,6 +257,25 @@ TEST(ImagePyramid, LevelsHalveAndLabelsKeepTheirSeeds) {
   static_cast<TypedImage<float>*>(pyramid.level(2)->mem())->fill(7.0f);
   pyramid.propagateUp(2);
   EXPECT_FLOAT_EQ(l1->value(5, 3), 7.0f);
+}
+
+// Below the working resolution e (the spacing, 1 mm, at smoothness 1) the mesh is subdivided once
+// per halving of e that the export resolution asks for: each multiplies the faces by 4.
+TEST(GraphBasedSegmentation, MeshIsSubdividedOncePerHalvingOfTheResolution) {
+  Phantom ball = makePhantom(16, 16, 4.0);
+  GraphBasedSegmentation seg(ball.image.get(), ball.labels.get());
+  seg.verbose = false;
+  seg.compute();
+  ASSERT_EQ(seg.status(), Algorithm::statusSuccess);
+  auto base = seg.extractSegmentation3D(1.0, 1.0, true);
+  ASSERT_TRUE(base);
+  const size_t faces = base->faces.size();
+  ASSERT_GT(faces, 0u);
+  for (const auto& [resolution, halvings] : std::vector<std::pair<double, int>>{{0.6, 1}, {0.25, 2}, {0.05, 5}}) {
+    auto mesh = seg.extractSegmentation3D(1.0, resolution, true);
+    ASSERT_TRUE(mesh);
+    EXPECT_EQ(mesh->faces.size(), faces << (2 * halvings)) << "export resolution " << resolution;
+  }
 }
 
 TEST(GraphBasedSegmentation, ExtractsContoursAndAClosedMeshOfTheObject) {

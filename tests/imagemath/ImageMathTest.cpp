@@ -186,6 +186,35 @@ TEST(ImageMathCpu, MismatchedOperandLeavesTargetUnchangedWithOneLogLine) {
   EXPECT_EQ(out.value(0, 0), 7.f);
 }
 
+// The target's shape drives the loop and an operand is read at the same linear index, whatever
+// its own shape: other dimensions with as many pixels or more are read as they lie in memory,
+// on the processor and through a SharedImage alike.
+class ImageMathOperandShape : public testing::TestWithParam<std::tuple<Eigen::Vector3i, bool>> {};
+
+TEST_P(ImageMathOperandShape, OperandIsReadAtTheTargetsLinearIndex) {
+  const auto [dims, shared] = GetParam();
+  TestKit::LogCapture log;
+  auto operand = floatRamp(dims);  // element i holds i % 17
+  auto out = TypedImage<float>::zeros(Eigen::Vector3i(4, 3, 2), 1);
+  if (shared) {
+    // An F64 target keeps the pass on the processor.
+    SharedImage target(std::shared_ptr<Image>(TypedImage<double>::zeros(Eigen::Vector3i(4, 3, 2), 1)));
+    SharedImage in(std::shared_ptr<Image>(floatRamp(dims)));
+    IM::makeArray(target) = IM::makeArray(in) * 2;
+    const auto* d = static_cast<const double*>(target.mem()->data());
+    for (int i = 0; i < 24; ++i) out->pointer()[i] = static_cast<float>(d[i]);
+  } else {
+    IM::makeArray(*out) = IM::makeArray(*operand) * 2;
+  }
+  for (int i = 0; i < 24; ++i) EXPECT_EQ(out->pointer()[i], 2.0f * (i % 17)) << i;
+  EXPECT_EQ(log.count(Log::Error), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(SameCountOrMore, ImageMathOperandShape,
+                         testing::Combine(testing::Values(Eigen::Vector3i(4, 3, 2), Eigen::Vector3i(6, 4, 1),
+                                                          Eigen::Vector3i(24, 1, 1), Eigen::Vector3i(5, 5, 3)),
+                                          testing::Bool()));
+
 TEST(ImageMathCpu, CoordinatesGivePixelImageAndWorldPositions) {
   SharedImage frame(ImageDescriptor(F32, Eigen::Vector3i(4, 2, 1)));
   frame.setSpacing(Eigen::Vector3d(2, 3, 1));

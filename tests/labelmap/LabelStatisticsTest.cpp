@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "ImageComponents.h"
 #include "LabelDataComponent.h"
@@ -113,6 +114,39 @@ TEST(LabelStatistics, FormattingFollowsPrecisionAndFlags) {
   a->compute();
   EXPECT_NE(stats(a).csv().find("organs/Liver;0.0e+00;1.1e+01;5.5e+00"), std::string::npos) << stats(a).csv();
 }
+
+// Every precision and formatting value is taken; the numbers read as a stream with that
+// precision and, for 1 and 2 only, the fixed or scientific flag prints them.
+class LabelStatisticsFormatting : public testing::TestWithParam<std::tuple<int, int>> {};
+
+TEST_P(LabelStatisticsFormatting, AnyValueIsAcceptedAndPassedToTheStream) {
+  const auto [precision, formatting] = GetParam();
+  Phantom p;
+  auto a = p.create();
+  Properties config;
+  config.setParam("floatPrecision", precision);
+  config.setParam("floatFormatting", formatting);
+  a->configure(&config);
+  TestKit::LogCapture log;
+  a->compute();
+  EXPECT_EQ(a->status(), Algorithm::statusSuccess);
+  EXPECT_EQ(log.count(Log::Error), 0);
+  auto text = [&](double v) {
+    std::ostringstream s;
+    s.precision(precision);
+    if (formatting == 1) s << std::fixed;
+    if (formatting == 2) s << std::scientific;
+    s << v;
+    return s.str();
+  };
+  // Liver: minimum 0, maximum 11, mean 5.5.
+  const std::string row = "organs/Liver;" + text(0) + ";" + text(11) + ";" + text(5.5) + ";";
+  EXPECT_NE(stats(a).csv().find(row), std::string::npos) << row << "\n" << stats(a).csv();
+}
+
+INSTANTIATE_TEST_SUITE_P(PrecisionAndFormatting, LabelStatisticsFormatting,
+                         testing::Values(std::tuple{6, 0}, std::tuple{0, 0}, std::tuple{17, 1}, std::tuple{20, 2},
+                                         std::tuple{-1, 0}, std::tuple{3, 3}, std::tuple{4, -1}));
 
 TEST(LabelStatistics, RealWorldMappingIsOfferedAndApplied) {
   Phantom p;

@@ -157,6 +157,33 @@ TEST(LabelToMesh, BorderObjectIsOpenWithoutPadding) {
   EXPECT_FALSE(MeshProcessing::isClosedManifold(*opened[0]));
 }
 
+// Smoothing at the image border averages over the part of the box inside the image. A layer
+// of 3 on one face of the volume, radius 1: the face voxels read 3 / 2 and their neighbours
+// 3 / 3, so the level 1.2 lies 0.6 voxels in from the face (a repeated border would give 0.8).
+class LabelMeshBorderSmoothing : public testing::TestWithParam<std::tuple<int, bool>> {};
+
+TEST_P(LabelMeshBorderSmoothing, ClippedBoxAtTheFace) {
+  const auto [axis, farSide] = GetParam();
+  const Eigen::Vector3i dims(7, 6, 5);
+  auto set = TestKit::makeImage<float>(dims, [&](int x, int y, int z) {
+    const int c = Eigen::Vector3i(x, y, z)[axis];
+    return c == (farSide ? dims[axis] - 1 : 0) ? 3.0f : 0.0f;
+  });
+  Properties config;
+  config.setParam("Iso-Value", 1.2);
+  config.setParam("Smoothing", 1);
+  config.setParam("closeHolesAtImageBoundaries", false);
+  auto meshes = run(set.get(), config);
+  ASSERT_EQ(meshes.size(), 1u);
+  ASSERT_FALSE(meshes[0]->vertices.empty());
+  const double voxel = farSide ? dims[axis] - 1 - 0.6 : 0.6;
+  const double expected = voxel - (dims[axis] * 0.5 - 0.5);
+  for (const auto& v : meshes[0]->vertices) EXPECT_NEAR(v[axis], expected, 1e-5);
+}
+
+INSTANTIATE_TEST_SUITE_P(AxesAndSides, LabelMeshBorderSmoothing,
+                         testing::Combine(testing::Values(0, 1, 2), testing::Bool()));
+
 TEST(LabelToMesh, TargetLabelsNamesAndEmptyMaps) {
   auto set = labelMap({16, 16, 16}, {{4, ball({5, 5, 5}, 3)}, {6, ball({11, 11, 11}, 3)}});
   auto* labels = set->components().getOrCreate<LabelDataComponent>(set.get());
