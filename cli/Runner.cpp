@@ -99,18 +99,18 @@ class ErrorLineCatcher {
   ErrorLineCatcher() {
     id_ = Log::addSink([this](int level, const std::string& category, const std::string& message) {
       if (level < Log::Error) return;
-      ++count_;
-      last_ = category.empty() ? message : category + ": " + message;
+      // The first error names the cause; later ones are usually its consequences.
+      if (count_++ == 0) first_ = category.empty() ? message : category + ": " + message;
     });
   }
   ~ErrorLineCatcher() { Log::removeSink(id_); }
   int count() const { return count_; }
-  const std::string& last() const { return last_; }
+  const std::string& first() const { return first_; }
 
  private:
   int id_;
   int count_ = 0;
-  std::string last_;
+  std::string first_;
 };
 
 // Writes one data item as `base` + extension (frames of a set as base-<i>); false on failure.
@@ -245,7 +245,7 @@ RunResult runOnData(const RunOptions& options, const DataList& inputs, const std
   if (failed) {
     return fail(exitAlgorithmFailed, id + " failed with status " + std::to_string(result.status) + " (" +
                                          statusName(result.status) + ")" +
-                                         (errors.last().empty() ? "" : ": " + errors.last()));
+                                         (errors.first().empty() ? "" : ": " + errors.first()));
   }
 
   OwningDataList output = algorithm->takeOutput();

@@ -56,15 +56,17 @@ TEST_F(RunnerTest, UnknownSettingIsReportedAndStatusFailureNamesTheLogLine) {
   TestKit::LogCapture log;
   auto image = TestKit::makeImage<float>({4, 4, 1}, [](int x, int, int) { return x; });
   Cli::RunOptions options;
-  options.algorithm = "LabelStatistics";
+  auto seeds = TestKit::makeImage<unsigned char>({4, 4, 1}, [](int x, int, int) { return x == 0 ? 1 : (x == 3 ? 2 : 0); });
+  seeds->setModality(Data::LABEL);
+  options.algorithm = "GraphBasedSegmentation";
   options.outDir = dir.file("out");
-  options.configuration.setRawParam("floatPrecison", "3");
-  options.configuration.setRawParam("floatFormatting", "7");
-  const auto r = Cli::runOnData(options, DataList{image.get()}, {}, nullptr, nullptr);
-  EXPECT_TRUE(log.contains("has no parameter 'floatPrecison'"));
+  options.configuration.setRawParam("Solver Idd", "3");
+  options.configuration.setRawParam("Solver ID", "8");
+  const auto r = Cli::runOnData(options, DataList{image.get(), seeds.get()}, {}, nullptr, nullptr);
+  EXPECT_TRUE(log.contains("has no parameter 'Solver Idd'"));
   EXPECT_EQ(r.exitCode, Cli::exitAlgorithmFailed);
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.message.find("floatFormatting must be 0, 1 or 2, not 7"), std::string::npos) << r.message;
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.message.find("Incorrect solver ID"), std::string::npos) << r.message;
 }
 
 // Must stay the last test of this program: the Ctrl-C flag is not reset.
