@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <sstream>
 
@@ -286,16 +287,26 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
     std::istringstream in(std::string(src, available));
     const size_t count = desc.elementCount();
     bool ok = true;
+    size_t misfit = count;  // the first value the type cannot hold
     dispatchPixelType(type, [&](auto tag) {
       using T = decltype(tag);
+      using Limits = std::numeric_limits<T>;
       T* p = static_cast<T*>(image->data());
-      for (size_t k = 0; k < count && ok; ++k) {
+      for (size_t k = 0; k < count && ok && misfit == count; ++k) {
         double v;
-        if (!(in >> v)) ok = false;
-        else p[k] = static_cast<T>(v);
+        if (!(in >> v)) {
+          ok = false;
+        } else if (Limits::is_integer ? !(v >= static_cast<double>(Limits::lowest()) && v <= static_cast<double>(Limits::max()))
+                                      : (std::isfinite(v) && std::abs(v) > static_cast<double>(Limits::max()))) {
+          misfit = k;  // converting it would be undefined, not merely wrong
+        } else {
+          p[k] = static_cast<T>(v);
+        }
       }
     });
     if (!ok) return fail("ascii data holds fewer than " + std::to_string(count) + " values");
+    if (misfit != count)
+      return fail("ascii value " + std::to_string(misfit) + " lies outside the range of type '" + excerpt(field("type")) + "'");
   }
   if ((raw || gzip) && toLower(field("endian")) == "big")
     swapBytes(image->data(), desc.elementCount(), desc.typeSize());

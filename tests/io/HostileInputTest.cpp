@@ -182,6 +182,22 @@ TEST(NrrdGeometry, ZeroOrInfiniteSpacingIsRefused) {
   }
 }
 
+// Found by the fuzzer: converting 164836 to short is undefined behaviour.
+TEST(NrrdAscii, ValuesOutsideTheTypeAreRefused) {
+  TestKit::ScratchDir dir;
+  for (const std::string& values : {std::string("1 164836"), std::string("-32769 0"), std::string("0 1e300")}) {
+    TestKit::writeBytes(dir.file("a.nrrd"), "NRRD0004\ntype: short\ndimension: 1\nsizes: 2\nencoding: ascii\n\n" + values);
+    EXPECT_NE(readError(dir.file("a.nrrd")).find("lies outside the range of type 'short'"), std::string::npos) << values;
+  }
+  TestKit::writeBytes(dir.file("f.nrrd"), "NRRD0004\ntype: float\ndimension: 1\nsizes: 3\nencoding: ascii\n\n1e39 0 0");
+  EXPECT_NE(readError(dir.file("f.nrrd")).find("outside the range"), std::string::npos);
+  TestKit::writeBytes(dir.file("ok.nrrd"), "NRRD0004\ntype: short\ndimension: 1\nsizes: 2\nencoding: ascii\n\n-32768 32767");
+  std::string error;
+  auto s = IO::readImage(dir.file("ok.nrrd"), &error);
+  ASSERT_TRUE(s) << error;
+  EXPECT_EQ(static_cast<const short*>(s->mem(0)->data())[1], 32767);
+}
+
 TEST(MetaImageGeometry, NegativeZeroOrNonFiniteValuesAreRefused) {
   TestKit::ScratchDir dir;
   for (const std::string& line : {std::string("ElementSpacing = -1 1 1"), std::string("ElementSpacing = 1 0 1"),
