@@ -93,6 +93,9 @@ int main(int argc, char** argv) {
   }
 
   if (pluginPath.empty()) pluginPath = defaultPluginPath(argv[0]);
+  // dlopen searches the library path for a name without a slash, and would then report a file
+  // that is right here as missing; a path given on the command line means this file.
+  if (pluginPath.find('/') == std::string::npos) pluginPath = (fs::path(".") / pluginPath).string();
   PluginManager manager;
   ML::registerBuiltin(manager);
   std::string error;

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "ImageFormats.h"
+#include "InputChecks.h"
 #include "IoUtil.h"
 #include "LabelDataComponent.h"
 #include "SharedImageSet.h"
@@ -31,9 +32,8 @@ ImageFormat imageFormatOf(const std::string& path) {
 }
 
 std::unique_ptr<SharedImageSet> readImage(const std::string& path, std::string* error) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(path, ec)) {
-    if (error) *error = baseName(path) + ": no such file";
+  if (const std::string why = whyNotReadable(path); !why.empty()) {
+    if (error) *error = baseName(path) + ": " + why;
     return nullptr;
   }
   try {

@@ -1,5 +1,6 @@
 #include "IoUtil.h"
 
+#include <signal.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -12,10 +13,13 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <mutex>
+#include <set>
 #include <sstream>
 
+#include "InputChecks.h"
 #include "LabelDataComponent.h"
+#include "Log.h"
 #include "SharedImageSet.h"
 
 namespace fs = std::filesystem;
@@ -30,26 +34,75 @@ std::unique_ptr<SharedImageSet> ReadFailure::operator()(const std::string& what)
 }
 
 bool readFileBytes(const std::string& path, std::string& out, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    if (error) *error = baseName(path) + ": cannot open (" + std::strerror(errno) + ")";
+  std::string why;
+  if (!readRegularFile(path, out, why)) {
+    if (error) *error = baseName(path) + ": " + why;
     return false;
   }
-  std::ostringstream s;
-  s << in.rdbuf();
-  out = s.str();
   return true;
+}
+
+namespace {
+
+constexpr const char* kTemporaryMark = ".tmp";
+
+// The writing process of a temporary name made by temporaryPathFor, or 0 when `name` is not
+// one: "." STEM ".tmp" PID "-" COUNTER EXTENSIONS.
+pid_t temporaryOwner(const std::string& name) {
+  if (name.size() < 2 || name[0] != '.') return 0;
+  for (size_t at = name.find(kTemporaryMark, 1); at != std::string::npos; at = name.find(kTemporaryMark, at + 1)) {
+    size_t i = at + std::strlen(kTemporaryMark);
+    const size_t pidStart = i;
+    while (i < name.size() && std::isdigit(static_cast<unsigned char>(name[i]))) ++i;
+    if (i == pidStart || i - pidStart > 9 || i >= name.size() || name[i] != '-') continue;
+    const size_t counterStart = ++i;
+    while (i < name.size() && std::isdigit(static_cast<unsigned char>(name[i]))) ++i;
+    if (i == counterStart || (i < name.size() && name[i] != '.')) continue;
+    return static_cast<pid_t>(std::stol(name.substr(pidStart, counterStart - 1 - pidStart)));
+  }
+  return 0;
+}
+
+bool processIsGone(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
+
+}  // namespace
+
+int removeStaleTemporaries(const std::string& folder) {
+  std::error_code ec;
+  int removed = 0;
+  for (fs::directory_iterator it(folder.empty() ? "." : folder, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    const pid_t owner = temporaryOwner(name);
+    if (owner <= 0 || owner == ::getpid() || !processIsGone(owner)) continue;
+    std::error_code typeEc;
+    if (!it->is_regular_file(typeEc) || it->is_symlink(typeEc)) continue;
+    std::error_code removeEc;
+    if (fs::remove(it->path(), removeEc)) {
+      ++removed;
+      LOG_INFO("IO", "removed " << name << ", left behind by process " << owner << " that no longer runs");
+    }
+  }
+  return removed;
 }
 
 std::string temporaryPathFor(const std::string& path) {
   static std::atomic<int> counter{0};
   const fs::path p(path);
+  {
+    // Once per folder and process: a run that was killed leaves its temporaries behind.
+    static std::mutex mutex;
+    static std::set<std::string> swept;
+    const std::string folder = p.parent_path().string();
+    std::lock_guard lock(mutex);
+    if (swept.insert(folder).second) removeStaleTemporaries(folder);
+  }
   std::string name = p.filename().string();
   // Keep the whole extension chain (".nii.gz") at the end of the temporary name.
   const size_t dot = name.find('.', 1);
   const std::string stem = dot == std::string::npos ? name : name.substr(0, dot);
   const std::string ext = dot == std::string::npos ? "" : name.substr(dot);
-  return (p.parent_path() / ("." + stem + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ext))
+  return (p.parent_path() / ("." + stem + kTemporaryMark + std::to_string(::getpid()) + "-" +
+                             std::to_string(counter++) + ext))
       .string();
 }
 
@@ -89,38 +142,55 @@ bool inflateBytes(const char* data, size_t size, std::string& out, size_t expect
     return false;
   }
   out.clear();
-  out.resize(expected ? expected : std::max<size_t>(size * 4, 1024));
-  zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
-  zs.avail_in = static_cast<uInt>(size);
+  // One byte beyond `expected` tells a stream that holds more from one that ends there.
+  out.resize(expected ? expected + 1 : std::max<size_t>(std::min<size_t>(size, 1u << 26) * 4, 1024));
+  const auto* in = reinterpret_cast<const Bytef*>(data);
+  size_t consumed = 0;
   size_t produced = 0;
+  size_t trailing = 0;
   int rc = Z_OK;
   while (true) {
     if (produced == out.size()) {
-      if (expected) break;  // more data than expected: stop here and report below
+      if (expected) break;  // more data than expected: reported below
       out.resize(out.size() * 2);
     }
+    zs.next_in = const_cast<Bytef*>(in + consumed);
+    zs.avail_in = static_cast<uInt>(std::min<size_t>(size - consumed, 1u << 30));
     zs.next_out = reinterpret_cast<Bytef*>(out.data() + produced);
     zs.avail_out = static_cast<uInt>(std::min<size_t>(out.size() - produced, 1u << 30));
-    const uInt before = zs.avail_out;
+    const uInt outBefore = zs.avail_out, inBefore = zs.avail_in;
     rc = inflate(&zs, Z_NO_FLUSH);
-    produced += before - zs.avail_out;
+    produced += outBefore - zs.avail_out;
+    consumed += inBefore - zs.avail_in;
     if (rc == Z_STREAM_END) {
-      // Concatenated gzip members are legal; continue with the next one.
-      if (zs.avail_in > 0 && inflateReset(&zs) == Z_OK) continue;
+      if (consumed == size) break;
+      // Concatenated gzip members are legal; anything else after the stream is not.
+      if (size - consumed >= 2 && in[consumed] == 0x1f && in[consumed + 1] == 0x8b && inflateReset(&zs) == Z_OK)
+        continue;
+      trailing = size - consumed;
       break;
     }
     if (rc != Z_OK) break;
-    if (zs.avail_in == 0 && produced < out.size()) break;  // input ended early
+    if (consumed == size && produced < out.size()) break;  // input ended early
   }
+  const std::string zlibMessage = zs.msg ? zs.msg : "zlib error";
   inflateEnd(&zs);
-  if (rc != Z_STREAM_END && rc != Z_OK) {
-    if (error) *error = std::string("corrupt compressed data (") + (zs.msg ? zs.msg : "zlib error") + ")";
+  if (rc != Z_STREAM_END && rc != Z_OK && !(rc == Z_BUF_ERROR && consumed == size)) {
+    if (error) *error = "corrupt compressed data (" + zlibMessage + ")";
+    return false;
+  }
+  if (expected && produced > expected) {
+    if (error) *error = "compressed data holds more than the " + std::to_string(expected) + " bytes expected";
     return false;
   }
   if (rc != Z_STREAM_END) {
     if (error)
       *error = "compressed data is truncated (" + std::to_string(produced) + " bytes" +
                (expected ? " of " + std::to_string(expected) : std::string()) + ")";
+    return false;
+  }
+  if (trailing) {
+    if (error) *error = std::to_string(trailing) + " bytes of trailing data after the compressed stream";
     return false;
   }
   if (expected && produced != expected) {

@@ -25,18 +25,24 @@ struct ReadFailure {
   std::unique_ptr<SharedImageSet> operator()(const std::string& what) const;
 };
 
-// The whole file, or false with `error` naming the file.
+// The whole file, or false with `error` naming the file and the problem ("is a directory",
+// "is not a regular file", "no such file").
 bool readFileBytes(const std::string& path, std::string& out, std::string* error);
 
-// A temporary name beside `path` that keeps its extension (libraries choose the format by it).
+// A temporary name beside `path` that keeps its extension (libraries choose the format by it)
+// and carries the writer's process id: ".STEM.tmpPID-N.EXT". The first call for a folder
+// removes the temporaries there whose process no longer runs (a killed run's leftovers).
 std::string temporaryPathFor(const std::string& path);
+// Removes our temporaries in `folder` whose writing process is gone; returns how many.
+int removeStaleTemporaries(const std::string& folder);
 // Writes `bytes` to a temporary name and renames it to `path`.
 bool writeFileAtomically(const std::string& path, const std::string& bytes, std::string* error);
 // Renames a finished temporary file into place, or removes it on failure.
 bool commitTemporary(const std::string& tmp, const std::string& path, std::string* error);
 
 // gzip (and zlib) streams. inflate detects the header; `expected` bytes are required exactly
-// when it is not zero.
+// when it is not zero. Bytes after the stream are refused ("trailing data"), except further
+// gzip members.
 bool inflateBytes(const char* data, size_t size, std::string& out, size_t expected, std::string* error);
 // gzip when `gzipHeader`, zlib otherwise.
 bool deflateBytes(const void* data, size_t size, std::string& out, bool gzipHeader);

@@ -3,12 +3,14 @@
 #include <Eigen/Geometry>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <map>
 #include <sstream>
 #include <tuple>
 
+#include "InputChecks.h"
 #include "IoUtil.h"
 #include "Mesh.h"
 
@@ -138,6 +140,13 @@ bool readStl(const std::string& bytes, Mesh& mesh, std::string& why) {
   return true;
 }
 
+// The leading whole number of an OBJ corner field ("12", "-3/4/5"); false when there is none
+// or it does not fit in 64 bits.
+bool objIndex(const char* first, const char* last, long long& out) {
+  const auto [end, ec] = std::from_chars(first, last, out);
+  return ec == std::errc() && end != first && (end == last || *end == '/');
+}
+
 bool readObj(const std::string& bytes, Mesh& mesh, std::string& why) {
   std::istringstream in(bytes);
   std::string line;
@@ -167,19 +176,24 @@ bool readObj(const std::string& bytes, Mesh& mesh, std::string& why) {
       std::vector<int> idx;
       std::string corner;
       while (l >> corner) {
-        const int n = std::atoi(corner.c_str());
-        const int i = n < 0 ? static_cast<int>(mesh.vertices.size()) + n : n - 1;
-        if (n == 0 || i < 0 || i >= static_cast<int>(mesh.vertices.size())) {
-          why = "line " + std::to_string(lineNo) + ": face index " + corner + " out of range";
+        // Indices count from 1; negative ones count back from the last vertex so far.
+        const long long count = static_cast<long long>(mesh.vertices.size());
+        long long n = 0;
+        const bool parsed = objIndex(corner.data(), corner.data() + corner.size(), n);
+        const long long i = n < 0 ? count + n : n - 1;
+        if (!parsed || n == 0 || i < 0 || i >= count) {
+          why = "line " + std::to_string(lineNo) + ": face index '" + excerpt(corner) + "' out of range (" +
+                std::to_string(count) + " vertices so far)";
           return false;
         }
-        idx.push_back(i);
+        idx.push_back(static_cast<int>(i));
         const size_t slash = corner.rfind('/');
-        if (slash != std::string::npos && corner.find('/') != slash && slash + 1 < corner.size()) {
-          const int nn = std::atoi(corner.c_str() + slash + 1);
-          if (nn > 0 && nn <= static_cast<int>(normals.size())) {
+        long long nn = 0;
+        if (slash != std::string::npos && corner.find('/') != slash && slash + 1 < corner.size() &&
+            objIndex(corner.data() + slash + 1, corner.data() + corner.size(), nn)) {
+          if (nn > 0 && nn <= static_cast<long long>(normals.size())) {
             normalOf.resize(mesh.vertices.size(), -1);
-            normalOf[static_cast<size_t>(i)] = nn - 1;
+            normalOf[static_cast<size_t>(i)] = static_cast<int>(nn - 1);
           }
         }
       }
@@ -240,7 +254,7 @@ bool readPly(const std::string& bytes, Mesh& mesh, std::string& why) {
   }
   const bool ascii = format == "ascii";
   if (!ascii && format != "binary_little_endian") {
-    why = "unsupported PLY format '" + format + "'";
+    why = "unsupported PLY format '" + excerpt(format) + "'";
     return false;
   }
   size_t pos = end + 11;
@@ -283,7 +297,7 @@ bool readPly(const std::string& bytes, Mesh& mesh, std::string& why) {
       hasC = hasC || n == "red";
     }
     if (e.props.empty() && e.count > 0) {
-      why = "element '" + e.name + "' has no properties";
+      why = "element '" + excerpt(e.name) + "' has no properties";
       return false;
     }
     for (size_t i = 0; i < e.count && !truncated; ++i) {
@@ -331,7 +345,7 @@ bool readPly(const std::string& bytes, Mesh& mesh, std::string& why) {
       }
     }
     if (truncated) {
-      why = "data is truncated in element '" + e.name + "'";
+      why = "data is truncated in element '" + excerpt(e.name) + "'";
       return false;
     }
   }

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "ImageFormats.h"
+#include "InputChecks.h"
 #include "IoUtil.h"
 #include "SharedImageSet.h"
 
@@ -84,21 +85,21 @@ std::unique_ptr<SharedImageSet> readMetaImage(const std::string& path, std::stri
     return it == fields.end() ? std::string() : it->second;
   };
   if (!field("ObjectType").empty() && toLower(field("ObjectType")) != "image")
-    return fail("ObjectType '" + field("ObjectType") + "' is not an image");
+    return fail("ObjectType '" + excerpt(field("ObjectType")) + "' is not an image");
   std::vector<double> v;
   if (!parseNumbers(field("NDims"), v) || v.size() != 1 || v[0] < 1 || v[0] > 3)
-    return fail("unsupported or missing NDims '" + field("NDims") + "'");
+    return fail("unsupported or missing NDims '" + excerpt(field("NDims")) + "'");
   const int ndims = static_cast<int>(v[0]);
   std::vector<double> sizes;
   if (!parseNumbers(field("DimSize"), sizes) || static_cast<int>(sizes.size()) != ndims)
     return fail("DimSize must list " + std::to_string(ndims) + " sizes");
   Eigen::Vector3i dims = Eigen::Vector3i::Ones();
   for (int i = 0; i < ndims; ++i) {
-    if (sizes[i] < 1 || sizes[i] != std::floor(sizes[i]) || sizes[i] > 1e9) return fail("bad DimSize '" + field("DimSize") + "'");
+    if (sizes[i] < 1 || sizes[i] != std::floor(sizes[i]) || sizes[i] > 1e9) return fail("bad DimSize '" + excerpt(field("DimSize")) + "'");
     dims[i] = static_cast<int>(sizes[i]);
   }
   auto t = metaTypes().find(field("ElementType"));
-  if (t == metaTypes().end()) return fail("unsupported ElementType '" + field("ElementType") + "'");
+  if (t == metaTypes().end()) return fail("unsupported ElementType '" + excerpt(field("ElementType")) + "'");
   int channels = 1;
   if (!field("ElementNumberOfChannels").empty()) {
     if (!parseNumbers(field("ElementNumberOfChannels"), v) || v.size() != 1 || v[0] < 1 || v[0] > 64)
@@ -109,26 +110,33 @@ std::unique_ptr<SharedImageSet> readMetaImage(const std::string& path, std::stri
   std::string sp = field("ElementSpacing");
   if (sp.empty()) sp = field("ElementSize");
   if (!sp.empty()) {
-    if (!parseNumbers(sp, v) || static_cast<int>(v.size()) != ndims) return fail("bad ElementSpacing '" + sp + "'");
-    for (int i = 0; i < ndims; ++i)
-      if (v[i] > 0) spacing[i] = v[i];
+    if (!parseNumbers(sp, v) || static_cast<int>(v.size()) != ndims) return fail("bad ElementSpacing '" + excerpt(sp) + "'");
+    // The format has no flipped axes by sign (TransformMatrix flips them), so only positive
+    // finite spacings mean anything.
+    for (int i = 0; i < ndims; ++i) {
+      if (!(v[i] > 0) || !std::isfinite(v[i]))
+        return fail("ElementSpacing '" + excerpt(sp) + "' must hold positive finite values");
+      spacing[i] = v[i];
+    }
   }
   Eigen::Matrix3d directions = Eigen::Matrix3d::Identity();
   std::string tm = field("TransformMatrix");
   if (tm.empty()) tm = field("Rotation");
   if (tm.empty()) tm = field("Orientation");
   if (!tm.empty()) {
-    if (!parseNumbers(tm, v) || static_cast<int>(v.size()) != ndims * ndims) return fail("bad TransformMatrix '" + tm + "'");
+    if (!parseNumbers(tm, v) || static_cast<int>(v.size()) != ndims * ndims) return fail("bad TransformMatrix '" + excerpt(tm) + "'");
     for (int axis = 0; axis < ndims; ++axis)
       for (int c = 0; c < ndims; ++c) directions(c, axis) = v[static_cast<size_t>(axis * ndims + c)];
+    if (!directions.allFinite()) return fail("TransformMatrix '" + excerpt(tm) + "' holds a value that is not finite");
   }
   Eigen::Vector3d origin = Eigen::Vector3d::Zero();
   std::string off = field("Offset");
   if (off.empty()) off = field("Position");
   if (off.empty()) off = field("Origin");
   if (!off.empty()) {
-    if (!parseNumbers(off, v) || static_cast<int>(v.size()) != ndims) return fail("bad Offset '" + off + "'");
+    if (!parseNumbers(off, v) || static_cast<int>(v.size()) != ndims) return fail("bad Offset '" + excerpt(off) + "'");
     for (int i = 0; i < ndims; ++i) origin[i] = v[i];
+    if (!origin.allFinite()) return fail("Offset '" + excerpt(off) + "' holds a value that is not finite");
   }
   Eigen::Matrix4d affine = Eigen::Matrix4d::Identity();
   for (int i = 0; i < 3; ++i) affine.block<3, 1>(0, i) = directions.col(i) * spacing[i];
@@ -151,11 +159,13 @@ std::unique_ptr<SharedImageSet> readMetaImage(const std::string& path, std::stri
       return fail("data file lists are not supported");
     fs::path dp(dataFile);
     if (dp.is_relative()) dp = fs::path(path).parent_path() / dp;
-    std::string e;
-    if (!readFileBytes(dp.string(), dataBytes, &e)) return fail("data file " + e);
+    std::string why;
+    if (!readRegularFile(dp.string(), dataBytes, why))
+      return fail("data file '" + excerpt(baseName(dp.string())) + "': " + why);
   }
   if (!field("HeaderSize").empty()) {
     const long long hs = std::atoll(field("HeaderSize").c_str());
+    if (hs < -1) return fail("bad HeaderSize '" + excerpt(field("HeaderSize")) + "'");
     if (hs == -1) dataStart = dataBytes.size() >= expected ? dataBytes.size() - expected : dataBytes.size() + 1;
     else if (hs > 0) dataStart += static_cast<size_t>(hs);
   }

@@ -14,6 +14,7 @@
 
 #include "ImageFormats.h"
 #include "IoUtil.h"
+#include "Log.h"
 #include "SharedImageSet.h"
 
 namespace Merivane::IO::detail {
@@ -65,6 +66,46 @@ Eigen::Matrix4d toEigen(const nifti_dmat44& m) {
   return e;
 }
 
+// vox_offset straight from the header bytes: the library turns a NaN or negative one into an
+// offset counted from somewhere else (a negative one from the end of the file).
+double rawVoxOffset(const char* head, int version) {
+  int32_t sizeofHdr;
+  std::memcpy(&sizeofHdr, head, 4);
+  const bool swapped = sizeofHdr != (version == 1 ? 348 : 540);
+  if (version == 1) {
+    float v;
+    std::memcpy(&v, head + 108, 4);
+    if (swapped) swapBytes(&v, 1, 4);
+    return v;
+  }
+  int64_t v;
+  std::memcpy(&v, head + 168, 8);
+  if (swapped) swapBytes(&v, 1, 8);
+  return static_cast<double>(v);
+}
+
+// A single-file header ("n+1", "n+2") is followed by its data; "ni1"/"ni2" name a pair.
+bool isSingleFile(const char* head, int version) {
+  return version == 1 ? std::memcmp(head + 344, "n+1", 4) == 0 : std::memcmp(head + 4, "n+2", 4) == 0;
+}
+
+std::string numberText(double v) {
+  std::ostringstream s;
+  s << v;
+  return s.str();
+}
+
+// A transform the reader can use: finite, and not all zero in its rotation and scale part.
+bool usableTransform(const nifti_dmat44& m) {
+  bool nonZero = false;
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 4; ++c) {
+      if (!std::isfinite(m.m[r][c])) return false;
+      if (c < 3 && m.m[r][c] != 0.0) nonZero = true;
+    }
+  return nonZero;
+}
+
 void quietLibrary() {
   static const bool once = [] {
     nifti_set_debug_level(0);  // our messages name the file; the library's would only repeat them
@@ -90,6 +131,21 @@ std::unique_ptr<SharedImageSet> readNifti(const std::string& path, std::string* 
     if (got < 348) return fail("too short for a NIfTI header (" + std::to_string(std::max(got, 0)) + " bytes)");
     const int version = nifti_header_version(head, static_cast<size_t>(got));
     if (version != 1 && version != 2) return fail("not a NIfTI-1 or NIfTI-2 file (no valid header)");
+    if (version == 2 && got < 540) return fail("too short for a NIfTI-2 header (" + std::to_string(got) + " bytes)");
+    // The data must start after the header and inside the file; for gzip, inside the most
+    // the compressed file can hold.
+    const double offset = rawVoxOffset(head, version);
+    const double headerSize = version == 1 ? 348 : 540;
+    std::error_code ec;
+    const double size = static_cast<double>(std::filesystem::file_size(path, ec));
+    const double capacity = endsWith(toLower(path), ".gz") ? size * 1100.0 + 65536.0 : size;
+    if (!std::isfinite(offset)) return fail("vox_offset " + numberText(offset) + " is not a finite number");
+    if (offset < 0) return fail("vox_offset " + numberText(offset) + " is negative");
+    if (isSingleFile(head, version) && offset < headerSize)
+      return fail("vox_offset " + numberText(offset) + " lies inside the " + numberText(headerSize) + "-byte header");
+    if (!ec && offset > capacity)
+      return fail("vox_offset " + numberText(offset) + " lies beyond the end of the file (" + numberText(size) +
+                  " bytes)");
   }
   NiftiPtr nim(nifti_image_read(path.c_str(), 0));
   if (!nim) return fail("invalid NIfTI header");
@@ -122,8 +178,16 @@ std::unique_ptr<SharedImageSet> readNifti(const std::string& path, std::string* 
   if (nifti_image_load(nim.get()) != 0 || !nim->data) return fail("voxel data is truncated or unreadable");
 
   Eigen::Matrix4d affine = Eigen::Matrix4d::Identity();
-  if (nim->sform_code > 0) affine = toEigen(nim->sto_xyz);
-  else if (nim->qform_code > 0) affine = toEigen(nim->qto_xyz);
+  // A damaged transform falls back to the next one down, as if its code were 0.
+  const bool sform = nim->sform_code > 0 && usableTransform(nim->sto_xyz);
+  const bool qform = !sform && nim->qform_code > 0 && usableTransform(nim->qto_xyz);
+  if (nim->sform_code > 0 && !sform)
+    LOG_WARN("IO", file << ": the sform is not finite or all zero; using the "
+                        << (qform ? "qform" : "pixel sizes") << " instead");
+  else if (!sform && nim->qform_code > 0 && !qform)
+    LOG_WARN("IO", file << ": the qform is not finite or all zero; using the pixel sizes instead");
+  if (sform) affine = toEigen(nim->sto_xyz);
+  else if (qform) affine = toEigen(nim->qto_xyz);
   else affine.diagonal().head<3>() << std::abs(nim->dx), std::abs(nim->dy), std::abs(nim->dz);
   double unit = 1.0;
   if (nim->xyz_units == NIFTI_UNITS_METER) unit = 1000.0;

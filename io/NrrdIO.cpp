@@ -7,11 +7,14 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <sstream>
 
 #include "ImageFormats.h"
+#include "InputChecks.h"
 #include "IoUtil.h"
+#include "Log.h"
 #include "SharedImageSet.h"
 
 namespace fs = std::filesystem;
@@ -116,7 +119,7 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
       continue;
     }
     const size_t colon = line.find(": ");
-    if (colon == std::string::npos) return fail("malformed header line '" + line + "'");
+    if (colon == std::string::npos) return fail("malformed header line '" + excerpt(line) + "'");
     fields[toLower(trim(line.substr(0, colon)))] = trim(line.substr(colon + 2));
   }
   auto field = [&](const std::string& k) -> std::string {
@@ -126,23 +129,23 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
 
   PixelType type;
   if (field("type").empty()) return fail("missing field 'type'");
-  if (!nrrdType(field("type"), type)) return fail("unsupported type '" + field("type") + "'");
+  if (!nrrdType(field("type"), type)) return fail("unsupported type '" + excerpt(field("type")) + "'");
   std::vector<double> numbers;
   if (!parseNumbers(field("dimension"), numbers) || numbers.size() != 1) return fail("missing or bad 'dimension'");
   if (!(numbers[0] >= 1 && numbers[0] <= 4) || numbers[0] != std::floor(numbers[0]))
-    return fail("unsupported dimension " + field("dimension"));
+    return fail("unsupported dimension " + excerpt(field("dimension")));
   const int dimension = static_cast<int>(numbers[0]);
   std::vector<double> sizes;
   if (!parseNumbers(field("sizes"), sizes) || static_cast<int>(sizes.size()) != dimension)
     return fail("'sizes' must list " + std::to_string(dimension) + " numbers");
   for (double s : sizes)
-    if (s < 1 || s != std::floor(s) || s > 1e9) return fail("bad size in 'sizes: " + field("sizes") + "'");
+    if (s < 1 || s != std::floor(s) || s > 1e9) return fail("bad size in 'sizes: " + excerpt(field("sizes")) + "'");
 
   // Which axes are spatial: with space directions, those not "none"; else kinds or position.
   std::vector<std::vector<double>> directions;
   const std::string dirText = field("space directions");
   if (!dirText.empty() && (!parseVectors(dirText, directions) || static_cast<int>(directions.size()) != dimension))
-    return fail("malformed 'space directions: " + dirText + "'");
+    return fail("malformed 'space directions: " + excerpt(dirText) + "'");
   std::vector<std::string> kinds;
   {
     std::istringstream k(field("kinds"));
@@ -178,7 +181,10 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
     for (int i = 0; i < spatialDims; ++i) {
       const auto& d = directions[i + (channelAxis >= 0 ? 1 : 0)];
       if (d.size() < 2 || d.size() > 3) return fail("space directions must have 2 or 3 components");
-      for (size_t r = 0; r < d.size(); ++r) affine(static_cast<int>(r), i) = d[r];
+      for (size_t r = 0; r < d.size(); ++r) {
+        if (!std::isfinite(d[r])) return fail("'space directions' holds a value that is not finite");
+        affine(static_cast<int>(r), i) = d[r];
+      }
     }
   } else if (!field("spacings").empty()) {
     std::vector<std::string> tok;
@@ -187,15 +193,25 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
     while (s >> w) tok.push_back(w);
     if (static_cast<int>(tok.size()) != dimension) return fail("'spacings' must list " + std::to_string(dimension) + " values");
     for (int i = 0; i < spatialDims; ++i) {
-      const double v = std::strtod(tok[static_cast<size_t>(i + (channelAxis >= 0 ? 1 : 0))].c_str(), nullptr);
-      if (std::isfinite(v) && v > 0) affine(i, i) = v;
+      const std::string& t = tok[static_cast<size_t>(i + (channelAxis >= 0 ? 1 : 0))];
+      char* end = nullptr;
+      const double v = std::strtod(t.c_str(), &end);
+      if (end == t.c_str() || *end != '\0') return fail("'spacings' holds '" + excerpt(t) + "', not a number");
+      if (std::isnan(v)) continue;  // NaN means unknown: 1 mm
+      if (!std::isfinite(v) || v == 0) return fail("spacing " + excerpt(t) + " of axis " + std::to_string(i) + " is not usable");
+      // A negative spacing runs the axis backwards: the axis is flipped, not made 1 mm.
+      if (v < 0) LOG_WARN("IO", file << ": spacing " << v << " of axis " << i << " read as " << -v << " mm along a flipped axis");
+      affine(i, i) = v;
     }
   }
   if (!field("space origin").empty()) {
     std::vector<std::vector<double>> o;
     if (!parseVectors(field("space origin"), o) || o.size() != 1 || o[0].size() < 2 || o[0].size() > 3)
-      return fail("malformed 'space origin: " + field("space origin") + "'");
-    for (size_t r = 0; r < o[0].size(); ++r) affine(static_cast<int>(r), 3) = o[0][r];
+      return fail("malformed 'space origin: " + excerpt(field("space origin")) + "'");
+    for (size_t r = 0; r < o[0].size(); ++r) {
+      if (!std::isfinite(o[0][r])) return fail("'space origin' holds a value that is not finite");
+      affine(static_cast<int>(r), 3) = o[0][r];
+    }
   }
   const std::string space = toLower(field("space"));
   Eigen::Vector4d flip(1, 1, 1, 1);
@@ -203,7 +219,7 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
   else if (space == "left-anterior-superior" || space == "las") flip << 1, -1, 1, 1;
   else if (!space.empty() && space != "left-posterior-superior" && space != "lps" && space != "3d-right-handed" &&
            space != "3d-left-handed")
-    return fail("unsupported space '" + field("space") + "'");
+    return fail("unsupported space '" + excerpt(field("space")) + "'");
   affine = flip.asDiagonal() * affine;
   Eigen::Vector3d spacing;
   const Eigen::Matrix4d matrix = matrixFromIndexAffine(affine, dims, spacing, fallback);
@@ -214,7 +230,7 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
   const bool gzip = encoding == "gzip" || encoding == "gz";
   const bool raw = encoding == "raw";
   const bool ascii = encoding == "ascii" || encoding == "text" || encoding == "txt";
-  if (!gzip && !raw && !ascii) return fail("unsupported encoding '" + field("encoding") + "'");
+  if (!gzip && !raw && !ascii) return fail("unsupported encoding '" + excerpt(field("encoding")) + "'");
   ImageDescriptor desc(type, dims, channels);
   const double promised = static_cast<double>(dims[0]) * dims[1] * dims[2] * channels * pixelTypeSize(type);
   const size_t expected = desc.byteSize();
@@ -230,8 +246,8 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
     fs::path dp(dataFile);
     if (dp.is_relative()) dp = fs::path(path).parent_path() / dp;
     dataName = baseName(dp.string());
-    std::string e;
-    if (!readFileBytes(dp.string(), dataBytes, &e)) return fail("data file " + e);
+    std::string why;
+    if (!readRegularFile(dp.string(), dataBytes, why)) return fail("data file '" + excerpt(dataName) + "': " + why);
   } else {
     if (!blankLine) return fail("header ends without a blank line and names no data file");
     dataBytes.swap(bytes);
@@ -239,6 +255,7 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
   }
   long long byteSkip = 0;
   if (!field("byte skip").empty()) byteSkip = std::atoll(field("byte skip").c_str());
+  if (byteSkip < -1) return fail("bad 'byte skip: " + excerpt(field("byte skip")) + "'");
   if (byteSkip == -1) {
     if (!raw) return fail("'byte skip: -1' needs raw encoding");
     if (dataBytes.size() - dataStart < expected) return fail("data is truncated");
@@ -270,16 +287,26 @@ std::unique_ptr<SharedImageSet> readNrrd(const std::string& path, std::string* e
     std::istringstream in(std::string(src, available));
     const size_t count = desc.elementCount();
     bool ok = true;
+    size_t misfit = count;  // the first value the type cannot hold
     dispatchPixelType(type, [&](auto tag) {
       using T = decltype(tag);
+      using Limits = std::numeric_limits<T>;
       T* p = static_cast<T*>(image->data());
-      for (size_t k = 0; k < count && ok; ++k) {
+      for (size_t k = 0; k < count && ok && misfit == count; ++k) {
         double v;
-        if (!(in >> v)) ok = false;
-        else p[k] = static_cast<T>(v);
+        if (!(in >> v)) {
+          ok = false;
+        } else if (Limits::is_integer ? !(v >= static_cast<double>(Limits::lowest()) && v <= static_cast<double>(Limits::max()))
+                                      : (std::isfinite(v) && std::abs(v) > static_cast<double>(Limits::max()))) {
+          misfit = k;  // converting it would be undefined, not merely wrong
+        } else {
+          p[k] = static_cast<T>(v);
+        }
       }
     });
     if (!ok) return fail("ascii data holds fewer than " + std::to_string(count) + " values");
+    if (misfit != count)
+      return fail("ascii value " + std::to_string(misfit) + " lies outside the range of type '" + excerpt(field("type")) + "'");
   }
   if ((raw || gzip) && toLower(field("endian")) == "big")
     swapBytes(image->data(), desc.elementCount(), desc.typeSize());

@@ -3,6 +3,8 @@
 // modality and label names in tEXt chunks with the metadata keys.
 #include <png.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <csetjmp>
 #include <cstdio>
@@ -29,6 +31,12 @@ void onError(png_structp png, png_const_charp msg) {
 }
 void onWarning(png_structp, png_const_charp) {}
 
+// libpng's own reader says only "Read Error" when the file ends early.
+void readFromFile(png_structp png, png_bytep out, size_t length) {
+  auto* f = static_cast<FILE*>(png_get_io_ptr(png));
+  if (std::fread(out, 1, length, f) != length) png_error(png, std::ferror(f) ? "read error" : "file is truncated");
+}
+
 // What the reader hands back; plain data only, since a longjmp skips destructors.
 struct PngPixels {
   png_uint_32 width = 0, height = 0;
@@ -53,6 +61,32 @@ void freePixels(PngPixels& p) {
   p = PngPixels{};
 }
 
+// Walks the chunk list before libpng sees it: libpng allocates what an ancillary chunk claims
+// before reading it, so a 44-byte file whose tEXt claims two gigabytes would cost them. Every
+// chunk must fit in what is left of the file. Empty when the list is sound.
+std::string checkChunks(FILE* f, long fileSize) {
+  long at = 8;
+  while (at < fileSize) {
+    unsigned char head[8];
+    if (std::fseek(f, at, SEEK_SET) != 0 || std::fread(head, 1, 8, f) != 8) return "file is truncated";
+    const png_uint_32 length = png_get_uint_32(head);
+    char type[5] = {0};
+    for (int i = 0; i < 4; ++i) {
+      const unsigned char c = head[4 + i];
+      type[i] = std::isalpha(c) ? static_cast<char>(c) : '?';
+    }
+    if (length > PNG_UINT_31_MAX) return std::string("chunk '") + type + "' has an impossible length";
+    const long remaining = fileSize - at - 8;  // data and CRC must follow
+    if (static_cast<long>(length) + 4 > remaining)
+      return std::string("file is truncated: chunk '") + type + "' claims " + std::to_string(length) +
+             " bytes, " + std::to_string(std::max(remaining, 0L)) + " remain";
+    at += 12 + static_cast<long>(length);
+    if (std::memcmp(head + 4, "IEND", 4) == 0) break;
+  }
+  std::rewind(f);
+  return {};
+}
+
 // No C++ objects with destructors live in this frame.
 bool decode(FILE* f, double fileSize, PngPixels& out, PngError& err) {
   png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &err, onError, onWarning);
@@ -62,8 +96,12 @@ bool decode(FILE* f, double fileSize, PngPixels& out, PngError& err) {
     png_destroy_read_struct(&png, info ? &info : nullptr, nullptr);
     return false;
   }
-  png_init_io(png, f);
+  png_set_read_fn(png, f, readFromFile);
   png_set_user_limits(png, 1u << 16, 1u << 16);
+  // Ancillary chunks beyond a few megabytes (text, profiles) are refused; image data streams
+  // and is not limited. checkChunks has already held every chunk to the file's size.
+  png_set_chunk_malloc_max(png, 8u << 20);
+  png_set_chunk_cache_max(png, 1000);
   png_read_info(png, info);
   int colorType = png_get_color_type(png, info);
   if (colorType == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
@@ -164,8 +202,13 @@ std::unique_ptr<SharedImageSet> readPng(const std::string& path, std::string* er
     return nullptr;
   }
   std::fseek(f, 0, SEEK_END);
-  const double fileSize = static_cast<double>(std::ftell(f));
-  std::rewind(f);
+  const long bytes = std::ftell(f);
+  const double fileSize = static_cast<double>(bytes);
+  if (const std::string why = checkChunks(f, bytes); !why.empty()) {
+    std::fclose(f);
+    if (error) *error = file + ": " + why;
+    return nullptr;
+  }
   PngPixels px;
   PngError err;
   const bool ok = decode(f, fileSize, px, err);

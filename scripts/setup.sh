@@ -15,6 +15,7 @@ packages=(
   libviennacl-dev ocl-icd-opencl-dev opencl-headers pocl-opencl-icd
   libnifti2-dev zlib1g-dev libpng-dev
   libopenmesh-dev
+  clang libclang-rt-dev libomp-dev
 )
 
 missing=()

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "InputChecks.h"
 #include "Log.h"
 
 namespace Merivane {
@@ -135,7 +136,13 @@ bool PluginManager::load(const std::string& path, std::string* error) {
     return false;
   };
   void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!handle) return fail(std::string("cannot open library (") + dlerror() + ")");
+  if (!handle) {
+    const std::string why = dlerror();
+    const std::string fileProblem = whyNotReadable(path);
+    // Only a name without a slash is searched for; any other path names this file.
+    if (!fileProblem.empty() && path.find('/') != std::string::npos) return fail(fileProblem);
+    return fail("not a loadable plug-in library (" + why + ")");
+  }
   auto closeOnFail = [&](const std::string& why) {
     dlclose(handle);
     return fail(why);

@@ -1,5 +1,7 @@
 #include "Properties.h"
 
+#include "InputChecks.h"
+
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
@@ -303,6 +305,9 @@ namespace {
 constexpr const char* kNode = "properties";
 constexpr const char* kParam = "param";
 constexpr const char* kAttr = "attr";
+// Real trees are a few levels deep; the limit keeps the recursive reader, copies and
+// destructors far from the end of the stack whatever the file holds.
+constexpr int kMaxDepth = 100;
 
 void writeNode(const Properties& p, pugi::xml_node node) {
   node.append_attribute("name").set_value(p.name().c_str());
@@ -336,7 +341,8 @@ struct Reader {
     return false;
   }
 
-  bool readNode(pugi::xml_node node, Properties& p) {
+  bool readNode(pugi::xml_node node, Properties& p, int depth) {
+    if (depth > kMaxDepth) return fail(node, fmt::format("<properties> nested deeper than {} levels", kMaxDepth));
     auto nameAttr = node.attribute("name");
     if (!nameAttr) return fail(node, "<properties> without a name attribute");
     p.setName(nameAttr.value());
@@ -348,11 +354,11 @@ struct Reader {
       }
       std::string_view tag = child.name();
       if (tag == kNode) {
-        if (!readNode(child, *p.addSubProperties({}))) return false;
+        if (!readNode(child, *p.addSubProperties({}), depth + 1)) return false;
       } else if (tag == kParam) {
         if (!readParam(child, p)) return false;
       } else {
-        return fail(child, fmt::format("unknown element <{}>", tag));
+        return fail(child, fmt::format("unknown element <{}>", excerpt(tag)));
       }
     }
     return true;
@@ -362,7 +368,7 @@ struct Reader {
     auto name = node.attribute("name");
     if (!name) return fail(node, "<param> without a name attribute");
     auto value = node.attribute("value");
-    if (!value) return fail(node, fmt::format("<param name=\"{}\"> without a value attribute", name.value()));
+    if (!value) return fail(node, fmt::format("<param name=\"{}\"> without a value attribute", excerpt(name.value())));
     std::string key = name.value();
     if (auto d = node.attribute("default"))
       p.setRawParam(key, value.value(), d.value());
@@ -371,14 +377,14 @@ struct Reader {
     if (auto t = node.attribute("type")) {
       int type;
       if (!PropertiesDetail::Codec<int>::fromText(t.value(), type))
-        return fail(node, fmt::format("parameter '{}' has a type that is not a number", key));
+        return fail(node, fmt::format("parameter '{}' has a type that is not a number", excerpt(key)));
       p.setParamType(key, static_cast<PropertiesDetail::ParamType>(type));
     }
     Properties::Attributes attributes;
     for (auto child : node.children()) {
       if (child.type() != pugi::node_element) continue;
       if (std::string_view(child.name()) != kAttr)
-        return fail(child, fmt::format("unknown element <{}> in parameter '{}'", child.name(), key));
+        return fail(child, fmt::format("unknown element <{}> in parameter '{}'", excerpt(child.name()), excerpt(key)));
       auto an = child.attribute("name");
       if (!an) return fail(child, "<attr> without a name attribute");
       attributes.emplace_back(an.value(), child.attribute("value").value());
@@ -429,12 +435,12 @@ std::unique_ptr<Properties> loadFromString(std::string_view text, Format format,
   if (!root || std::string_view(root.name()) != kNode) {
     if (error)
       *error = root ? fmt::format("line {}: root element is <{}>, expected <properties>",
-                                  reader.lineOf(root.offset_debug()), root.name())
+                                  reader.lineOf(root.offset_debug()), excerpt(root.name()))
                     : "line 1: no <properties> element";
     return nullptr;
   }
   auto p = std::make_unique<Properties>();
-  if (!reader.readNode(root, *p)) {
+  if (!reader.readNode(root, *p, 1)) {
     if (error) *error = reader.error;
     return nullptr;
   }
@@ -464,13 +470,11 @@ bool saveToFile(const Properties& properties, const std::string& path, std::stri
 }
 
 std::unique_ptr<Properties> loadFromFile(const std::string& path, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    if (error) *error = fmt::format("{}: cannot open", path);
+  std::string text, why;
+  if (!readRegularFile(path, text, why)) {
+    if (error) *error = fmt::format("{}: {}", path, why);
     return nullptr;
   }
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::string why;
   auto p = loadFromString(text, Format::Xml, &why);
   if (!p && error) *error = fmt::format("{}: {}", path, why);
   return p;

@@ -113,11 +113,13 @@ namespace PropertiesIO {
 enum class Format : int { Xml = 5 };
 
 bool saveToString(const Properties& properties, Format format, std::string& out);
-// Null on malformed text; `error`, when given, receives "line N: what is wrong".
+// Null on malformed text or on nodes nested more than 100 deep; `error`, when given, receives
+// "line N: what is wrong" (names from the text quoted as short escaped excerpts).
 std::unique_ptr<Properties> loadFromString(std::string_view text, Format format, std::string* error = nullptr);
 
 // Writes to a temporary name beside the file, then renames. `error` names the file.
 bool saveToFile(const Properties& properties, const std::string& path, std::string* error = nullptr);
+// A directory, FIFO or device is refused as such ("PATH: is a directory").
 std::unique_ptr<Properties> loadFromFile(const std::string& path, std::string* error = nullptr);
 
 }  // namespace PropertiesIO

@@ -164,6 +164,12 @@ const Failure kFailures[] = {
     {"UnknownCommand", "frobnicate", 2, "unknown command 'frobnicate'"},
     {"BadFormat", "run MakeCompatibleLabelMap --in {DIR}/image.nrrd --format tiff --out {DIR}/out", 2,
      "unknown image format '.tiff'"},
+    {"ConfigIsADirectory", "run LabelStatistics --in {DIR}/image.nrrd --config {DIR} --out {DIR}/out", 3,
+     "is a directory"},
+    {"ConfigNestedTooDeep", "run LabelStatistics --in {DIR}/image.nrrd --config {DIR}/deep.xml --out {DIR}/out", 3,
+     "deep.xml: line 101: <properties> nested deeper than 100 levels"},
+    {"InputIsADevice", "run LabelStatistics --in /dev/zero --out {DIR}/out", 3, "zero: is not a regular file"},
+    {"InputIsADirectory", "info {DIR}/out.nii", 3, "out.nii: is a directory"},
 };
 
 class MerivaneCliFailure : public testing::TestWithParam<Failure> {};
@@ -180,6 +186,14 @@ TEST_P(MerivaneCliFailure, ExitsNonZeroWithTheReasonOnStderr) {
     const std::string bytes = TestKit::readBytes(dir.file("raw.nrrd"));
     TestKit::writeBytes(dir.file("cut.nrrd"), bytes.substr(0, bytes.size() - 100));
   }
+  {
+    // The nesting that once overflowed the stack of the configuration reader.
+    std::string deep;
+    for (int i = 0; i < 20000; ++i) deep += "<properties name=\"n\">\n";
+    for (int i = 0; i < 20000; ++i) deep += "</properties>\n";
+    TestKit::writeBytes(dir.file("deep.xml"), deep);
+    std::filesystem::create_directory(dir.file("out.nii"));
+  }
   std::string args = GetParam().args;
   for (size_t at; (at = args.find("{DIR}")) != std::string::npos;) args.replace(at, 5, dir.path().string());
   const Outcome r = merivane(dir, args);
@@ -191,6 +205,19 @@ TEST_P(MerivaneCliFailure, ExitsNonZeroWithTheReasonOnStderr) {
 
 INSTANTIATE_TEST_SUITE_P(Cases, MerivaneCliFailure, testing::ValuesIn(kFailures),
                          [](const testing::TestParamInfo<Failure>& i) { return std::string(i.param.name); });
+
+TEST(MerivaneCli, PluginNamedWithoutAFolderIsThatFileAndNotAPlugin) {
+  TestKit::ScratchDir dir;
+  writePhantom(dir, ".nii.gz");
+  const std::string err = dir.file("stderr.txt");
+  const std::string command = "cd " + dir.path().string() + " && " + MERIVANE_BIN +
+                              " --plugin image.nii.gz list > /dev/null 2> " + err + " < /dev/null";
+  const int raw = std::system(command.c_str());
+  EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 1);
+  const std::string message = TestKit::readBytes(err);
+  EXPECT_NE(message.find("image.nii.gz: not a loadable plug-in library ("), std::string::npos) << message;
+  EXPECT_EQ(message.find("No such file"), std::string::npos) << message;
+}
 
 TEST(MerivaneCli, EveryCommandHasHelpAndParamsShowDefaults) {
   TestKit::ScratchDir dir;

@@ -7,8 +7,10 @@
 #include <fstream>
 #include <limits>
 #include <optional>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "InputChecks.h"
 #include "Properties.h"
 
 namespace PropTest {
@@ -318,6 +320,74 @@ TEST_F(PropertiesFile, LoadErrorNamesTheFileAndLine) {
   EXPECT_NE(error.find(broken), std::string::npos) << error;
   EXPECT_NE(error.find("line 2"), std::string::npos) << error;
 }
+
+TEST_F(PropertiesFile, DirectoryFifoAndDeviceAreNamedForWhatTheyAre) {
+  const std::string fifo = (dir_ / "pipe.xml").string();
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::pair<std::string, std::string> cases[] = {{dir_.string(), "is a directory"},
+                                                       {".", "is a directory"},
+                                                       {fifo, "is not a regular file"},
+                                                       {"/dev/zero", "is not a regular file"},
+                                                       {(dir_ / "none.xml").string(), "no such file"}};
+  for (const auto& [path, problem] : cases) {
+    std::string error;
+    EXPECT_EQ(PropertiesIO::loadFromFile(path, &error), nullptr) << path;
+    EXPECT_EQ(error, path + ": " + problem);
+  }
+}
+
+// Nesting of 20,000 levels once overflowed the stack of the recursive reader.
+class DeepNesting : public testing::TestWithParam<int> {};
+
+TEST_P(DeepNesting, IsReadUpToTheLimitAndRefusedBeyondIt) {
+  const int depth = GetParam();
+  std::string text;
+  for (int i = 0; i < depth; ++i) text += "<properties name=\"n\">\n";
+  for (int i = 0; i < depth; ++i) text += "</properties>\n";
+  std::string error;
+  auto p = PropertiesIO::loadFromString(text, Xml, &error);
+  if (depth <= 100) {
+    ASSERT_TRUE(p) << error;
+    int levels = 1;
+    for (const Properties* q = p.get(); !q->subProperties().empty(); q = q->subProperties().front()) ++levels;
+    EXPECT_EQ(levels, depth);
+  } else {
+    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(error, "line 101: <properties> nested deeper than 100 levels");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Depths, DeepNesting, testing::Values(1, 100, 101, 20000, 200000));
+
+TEST(Properties, MessagesQuoteNamesAsShortEscapedExcerpts) {
+  const std::string name = "\x1b[31m" + std::string(5000, 'x');
+  std::string error;
+  EXPECT_EQ(PropertiesIO::loadFromString("<properties name=\"r\"><param name=\"" + name + "\"/></properties>", Xml, &error),
+            nullptr);
+  EXPECT_EQ(error, "line 1: <param name=\"\\x1B[31mxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx...\"> without a value attribute");
+  const std::string tag(5000, 't');
+  EXPECT_EQ(PropertiesIO::loadFromString("<properties name=\"r\"><" + tag + "/></properties>", Xml, &error), nullptr);
+  EXPECT_EQ(error, "line 1: unknown element <" + tag.substr(0, 40) + "...>");
+}
+
+struct Excerpt {
+  std::string in;
+  size_t limit;
+  std::string out;
+};
+
+class ExcerptText : public testing::TestWithParam<Excerpt> {};
+
+TEST_P(ExcerptText, KeepsPrintableAsciiEscapesTheRestAndCuts) {
+  EXPECT_EQ(excerpt(GetParam().in, GetParam().limit), GetParam().out);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ExcerptText,
+    testing::Values(Excerpt{"plain text", 40, "plain text"}, Excerpt{"", 40, ""},
+                    Excerpt{"abcdef", 3, "abc..."}, Excerpt{"abc", 3, "abc"},
+                    Excerpt{"\x1b[2J\n", 40, "\\x1B[2J\\x0A"}, Excerpt{std::string("a\0b", 3), 40, "a\\x00b"},
+                    Excerpt{"back\\slash", 40, "back\\x5Cslash"}, Excerpt{"\xc3\xa9", 40, "\\xC3\\xA9"}));
 
 TEST(Properties, CopyFromTakesOnlyWhatThePredicateSelects) {
   Properties source{{"alpha", "1"}, {"beta", "2"}};

@@ -82,7 +82,7 @@ TEST(MeshIO, DamagedFilesAreRefusedWithTheirName) {
   EXPECT_EQ(error, "cut.ply: data is truncated in element 'face'");
   TestKit::writeBytes(dir.file("bad.obj"), "v 0 0 0\nf 1 2 3\n");
   EXPECT_FALSE(IO::readMesh(dir.file("bad.obj"), &error));
-  EXPECT_EQ(error, "bad.obj: line 2: face index 2 out of range");
+  EXPECT_EQ(error, "bad.obj: line 2: face index '2' out of range (1 vertices so far)");
   TestKit::writeBytes(dir.file("odd.stl"), std::string(90, '\0'));
   EXPECT_FALSE(IO::readMesh(dir.file("odd.stl"), &error));
   EXPECT_EQ(error.rfind("odd.stl: ", 0), 0u);
