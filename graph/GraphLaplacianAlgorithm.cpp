@@ -235,8 +235,7 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
     case SolverInfo::Canceled: lastSolveStatus_ = statusCanceled; break;
     case SolverInfo::NumericalIssue:
     case SolverInfo::InvalidInput:
-      LOG_ERROR(kCategory, "The linear system could not be solved (" << toString(info) << " after "
-                               << solver->lastIterations() << " iterations); no result");
+      LOG_ERROR(kCategory, "The linear system could not be solved: " << solver->lastFailure());
       return previousSolution_;
   }
   return x;

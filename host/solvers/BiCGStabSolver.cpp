@@ -29,7 +29,7 @@ void BiCGStabSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eig
   x = guess.size() == b.size() ? guess : b;
   const Krylov::Matrix K{n, outer, inner, values};
   report.take(Krylov::bicgstab<float>(K, b.data(), x.data(), jacobi, {iterations_, tolerance_, canceled}));
-  report.workspaceBytes = static_cast<size_t>(n) * sizeof(float) * 8;
+  report.workspaceBytes = static_cast<size_t>(n) * sizeof(float) * 7;
   if (verbose)
     LOG_INFO("Solver", "BiCGSTAB-Float: " << report.iterations << " iterations, relative residual " << report.error);
 }

@@ -93,8 +93,11 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
   std::vector<std::array<double, 3>> p3;
   std::vector<std::array<double, 2>> p2;
   std::vector<std::array<double, 1>> p1;
+  // y, the preconditioned p, is added to x as soon as alpha is known, so that z, the
+  // preconditioned s, takes its place: six vectors instead of seven.
   std::vector<S> r(static_cast<size_t>(n)), r0(static_cast<size_t>(n)), p(static_cast<size_t>(n), S(0)),
-      v(static_cast<size_t>(n), S(0)), y(static_cast<size_t>(n)), z(static_cast<size_t>(n)), t(static_cast<size_t>(n));
+      v(static_cast<size_t>(n), S(0)), y(static_cast<size_t>(n)), t(static_cast<size_t>(n));
+  std::vector<S>& z = y;
 
   // r = b - A x, with |r|^2, |b|^2 and |x|^2.
   const auto residual = [&] {
@@ -163,10 +166,13 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
       break;
     }
     alpha = rho / r0v;
-    // s = r - alpha v, kept in r.
+    // s = r - alpha v, kept in r; x += alpha y.
     rows(n, [&](ptrdiff_t i0, ptrdiff_t i1) {
       const S a = static_cast<S>(alpha);
-      for (ptrdiff_t i = i0; i < i1; ++i) r[static_cast<size_t>(i)] -= a * v[static_cast<size_t>(i)];
+      for (ptrdiff_t i = i0; i < i1; ++i) {
+        r[static_cast<size_t>(i)] -= a * v[static_cast<size_t>(i)];
+        x[i] += a * y[static_cast<size_t>(i)];
+      }
     });
     M(r.data(), z.data());
     const auto [tt, ts] = blockSums<2>(n, p2, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 2>& s) {
@@ -179,10 +185,10 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
     });
     w = tt > 0 ? ts / tt : 0;
     const auto sums = blockSums<3>(n, p3, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 3>& s) {
-      const S a = static_cast<S>(alpha), wt = static_cast<S>(w);
+      const S wt = static_cast<S>(w);
       for (ptrdiff_t i = i0; i < i1; ++i) {
         const size_t k = static_cast<size_t>(i);
-        x[i] += a * y[k] + wt * z[k];
+        x[i] += wt * z[k];
         r[k] -= wt * t[k];
         s[0] += static_cast<double>(r[k]) * r[k];
         s[1] += static_cast<double>(x[i]) * x[i];

@@ -6,6 +6,7 @@
 #include <Eigen/SparseCore>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace Merivane {
 
@@ -34,6 +35,9 @@ class LinearSolver {
   std::function<bool()> canceled;
 
   SolverInfo info() const { return info_; }
+  // Why the last solve failed, in words; empty unless info() is a failure. Solvers do not log
+  // failures themselves: their caller reports them once.
+  std::string lastFailure() const;
 
   // What the last solve did: iterations run (0 for direct solvers) and the relative residual of
   // the x it returned.
@@ -45,6 +49,7 @@ class LinearSolver {
  protected:
   friend struct SolverReport;
   SolverInfo info_ = SolverInfo::Success;
+  std::string lastFailure_;
   int lastIterations_ = 0;
   double lastError_ = 0.0;
   size_t lastWorkspaceBytes_ = 0;

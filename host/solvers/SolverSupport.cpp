@@ -15,6 +15,18 @@ const char* toString(SolverInfo info) {
   return "unknown";
 }
 
+std::string LinearSolver::lastFailure() const {
+  if (info_ == SolverInfo::Success || info_ == SolverInfo::NoConvergence) return {};
+  if (!lastFailure_.empty()) return lastFailure_;
+  switch (info_) {
+    case SolverInfo::InvalidInput: return "NaN or infinity in the system, or sizes that do not fit";
+    case SolverInfo::NumericalIssue:
+      return "the iteration broke down after " + std::to_string(lastIterations_) + " iterations";
+    case SolverInfo::Canceled: return "canceled";
+    default: return toString(info_);
+  }
+}
+
 bool inputFinite(const SparseMatrixF& A, const Eigen::VectorXf& b) {
   const float* v = A.valuePtr();
   const Eigen::Index nnz = A.nonZeros();

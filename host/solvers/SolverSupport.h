@@ -3,6 +3,8 @@
 // solve, input checks. Internal to the solver library.
 #include <omp.h>
 
+#include <string>
+
 #include "Krylov.h"
 #include "LinearSolver.h"
 
@@ -36,6 +38,7 @@ struct SolverReport {
     solver.lastIterations_ = iterations;
     solver.lastError_ = error;
     solver.lastWorkspaceBytes_ = workspaceBytes;
+    solver.lastFailure_ = info == SolverInfo::Success || info == SolverInfo::NoConvergence ? std::string() : failure;
   }
   SolverReport(const SolverReport&) = delete;
   SolverReport& operator=(const SolverReport&) = delete;
@@ -43,6 +46,10 @@ struct SolverReport {
   // Checks the sizes and answers an empty system; false when the solve is over already.
   bool begin(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x);
   void take(const Krylov::Outcome& out);
+  void fail(SolverInfo why, std::string what) {
+    info = why;
+    failure = std::move(what);
+  }
   // For solvers with a stopping test of their own: judges x as the Krylov core would.
   void judge(const SparseMatrixF& A, const Eigen::VectorXf& b, const Eigen::VectorXf& x, double tolerance);
 
@@ -51,6 +58,7 @@ struct SolverReport {
   int iterations = 0;
   double error = 0;
   size_t workspaceBytes = 0;
+  std::string failure;  // what went wrong, when the solver knows more than `info` says
 };
 
 }  // namespace Merivane

@@ -185,3 +185,25 @@ TEST(Krylov, AvailableThreadsIsWithinOneAndTheOpenMPLimit) {
   EXPECT_GE(t, 1);
   EXPECT_LE(t, omp_get_max_threads());
 }
+
+// A direct factorisation of a large volume would run for minutes and could not be stopped:
+// it is refused at once, saying why.
+TEST(LinearSolver, DirectSolversRefuseVolumesTheyCannotFactorInTime) {
+  auto img = TypedImage<float>::zeros({36, 36, 36}, 1);
+  auto lab = TypedImage<unsigned char>::zeros({36, 36, 36}, 1);
+  lab->setValue(1, 0, 0, 0);
+  lab->setValue(2, 35, 35, 35);
+  SharedImage image(std::shared_ptr<Image>(std::move(img)));
+  SharedImage labels(std::shared_ptr<Image>(std::move(lab)));
+  GraphLaplacianImage g;
+  g.generateGraph(image, labels);
+  auto sys = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
+  sys.A.makeCompressed();
+  for (int id : {0, 1}) {
+    auto solver = makeSolver(id, 0, 0);
+    Eigen::VectorXf x;
+    solver->solve(sys.A, sys.b, x, Eigen::VectorXf());
+    EXPECT_EQ(solver->info(), SolverInfo::InvalidInput) << "id " << id;
+    EXPECT_NE(solver->lastFailure().find("too many"), std::string::npos) << solver->lastFailure();
+  }
+}
