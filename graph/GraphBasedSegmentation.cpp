@@ -3,7 +3,6 @@
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <limits>
@@ -13,6 +12,7 @@
 #include "ImageProcessing.h"
 #include "Interpolation.h"
 #include "Log.h"
+#include "SegmentationSteps.h"
 #include "SharedImageSet.h"
 
 namespace Merivane {
@@ -106,42 +106,16 @@ uint64_t GraphBasedSegmentation::memoryEstimation(int level) const {
 }
 
 GraphBasedSegmentation::BoxDecision GraphBasedSegmentation::computeBox(int index, bool& reuse) {
-  const SharedImage* labelFrame = labels_->get(index);
-  auto* lab = dynamic_cast<const TypedImage<unsigned char>*>(labelFrame->mem());
+  auto* lab = dynamic_cast<const TypedImage<unsigned char>*>(labels_->get(index)->mem());
   if (!lab) return BoxDecision::Abort;
-  const Eigen::Vector3i d = lab->dimensions();
-  const int L = currentObjectLabel(index);
-  const unsigned char* prev = nullptr;
-  if (outputLabels_ && outputLabels_->size() == labels_->size()) {
-    auto* p = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(index));
-    if (p && p->descriptor().elementCount() == lab->descriptor().elementCount()) prev = p->pointer();
-  }
-  Eigen::Vector3i lo(d[0], d[1], d[2]), hi(-1, -1, -1);
-  int64_t objects = 0, backgrounds = 0;
-  const unsigned char* l = lab->pointer();
-  for (int z = 0; z < d[2]; ++z)
-    for (int y = 0; y < d[1]; ++y)
-      for (int x = 0; x < d[0]; ++x) {
-        const size_t i = (static_cast<size_t>(z) * d[1] + y) * d[0] + x;
-        const bool seed = l[i] == L || l[i] == L + 1;
-        if (!seed && !(prev && prev[i] != L)) continue;
-        const Eigen::Vector3i v(x, y, z);
-        lo = lo.cwiseMin(v);
-        hi = hi.cwiseMax(v);
-        (l[i] == L ? objects : backgrounds) += 1;
-      }
-  if (objects + backgrounds == 0) return BoxDecision::Abort;
-  if (backgrounds == 0) return BoxDecision::NoCrop;
+  const TypedImage<unsigned char>* prev = nullptr;
+  if (outputLabels_ && outputLabels_->size() == labels_->size())
+    prev = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(index));
+  const Seg::internal::SeedBox box = Seg::internal::seedBox(*lab, prev, currentObjectLabel(index), boxMargin);
+  if (!box.anySeeds) return BoxDecision::Abort;
+  if (!box.crop) return BoxDecision::NoCrop;
 
-  const double m = boxMargin;
-  Eigen::Vector3i offset, size;
-  for (int k = 0; k < 3; ++k) {
-    const int newMin = std::max(static_cast<int>(lo[k] - (hi[k] - lo[k]) * m + 0.5), 0);
-    const int newMax = std::min(static_cast<int>(hi[k] + (hi[k] - newMin) * m + 0.5), d[k] - 1);
-    offset[k] = newMin;
-    size[k] = newMax - newMin + 1;
-  }
-  if ((size[0] == 1) + (size[1] == 1) + (size[2] == 1) >= 2) return BoxDecision::NoCrop;
+  const Eigen::Vector3i d = lab->dimensions(), &offset = box.offset, &size = box.size;
   if (verbose) {
     const double fraction = double(size[0]) * size[1] * size[2] / (double(d[0]) * d[1] * d[2]);
     LOG_INFO(kCategory, "Cropping offset [" << offset[0] << ", " << offset[1] << ", " << offset[2] << "], size ["
@@ -245,36 +219,7 @@ bool GraphBasedSegmentation::drawOutline(int index) {
   auto* prob = dynamic_cast<const TypedImage<float>*>(probability_->mem(0));
   auto* lab = dynamic_cast<TypedImage<unsigned char>*>(labels_->mem(index));
   if (!prob || !lab) return false;
-  const Eigen::Vector3i d = lab->dimensions();
-  const float t = 0.5f;
-  std::atomic<bool> border{false};
-  const float* p = prob->pointer();
-  unsigned char* l = lab->pointer();
-  const Eigen::Vector3i o = cropOffset_, s = cropSize_;
-  const int64_t W = d[0], WH = int64_t(d[0]) * d[1];
-#pragma omp parallel for schedule(static)
-  for (int z = o[2]; z < o[2] + s[2]; ++z)
-    for (int y = o[1]; y < o[1] + s[1]; ++y)
-      for (int x = o[0]; x < o[0] + s[0]; ++x) {
-        const int64_t i = x + W * y + WH * z;
-        if (p[i] < t) {
-          if (l[i] > 254) l[i] = 0;
-          continue;
-        }
-        const bool outside = (x > 0 && p[i - 1] < t) || (x < d[0] - 1 && p[i + 1] < t) ||
-                             (y > 0 && p[i - W] < t) || (y < d[1] - 1 && p[i + W] < t) ||
-                             (z > 0 && p[i - WH] < t) || (z < d[2] - 1 && p[i + WH] < t);
-        const bool onBorder = x == 0 || x == d[0] - 1 || y == 0 || y == d[1] - 1 ||
-                              (d[2] != 1 && (z == 0 || z == d[2] - 1));
-        if (onBorder) {
-          border.store(true, std::memory_order_relaxed);
-          l[i] = 255;
-          continue;
-        }
-        if (l[i] > 254) l[i] = 0;
-        if (outside) l[i] = 255;
-      }
-  return border.load();
+  return Seg::internal::drawOutline(*prob, *lab, cropOffset_, cropSize_);
 }
 
 void GraphBasedSegmentation::compute() {
@@ -404,30 +349,10 @@ void GraphBasedSegmentation::convertToLabels(bool clearOutside) {
   SharedImage* frame = labels_ ? labels_->get(i) : nullptr;
   auto* lab = frame ? dynamic_cast<TypedImage<unsigned char>*>(frame->mem()) : nullptr;
   if (!prob || !lab) return;
-  const unsigned char* prev = nullptr;
-  if (outputLabels_ && outputLabels_->size() == labels_->size()) {
-    auto* p = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(i));
-    if (p && p->descriptor().elementCount() == lab->descriptor().elementCount()) prev = p->pointer();
-  }
-  const int L = currentObjectLabel(i);
-  const Eigen::Vector3i d = lab->dimensions(), o = cropOffset_, s = cropSize_;
-  const float* pr = prob->pointer();
-  unsigned char* l = lab->pointer();
-#pragma omp parallel for schedule(static)
-  for (int z = 0; z < d[2]; ++z)
-    for (int y = 0; y < d[1]; ++y)
-      for (int x = 0; x < d[0]; ++x) {
-        const size_t k = (static_cast<size_t>(z) * d[1] + y) * d[0] + x;
-        const bool inside = x >= o[0] && x < o[0] + s[0] && y >= o[1] && y < o[1] + s[1] && z >= o[2] &&
-                            z < o[2] + s[2];
-        if (!inside && !clearOutside) continue;
-        if (prev && prev[k] != L)
-          l[k] = prev[k];
-        else if (inside)
-          l[k] = static_cast<unsigned char>(pr[k] >= 0.5f ? L : L + 1);
-        else
-          l[k] = static_cast<unsigned char>(L + 1);
-      }
+  const TypedImage<unsigned char>* prev = nullptr;
+  if (outputLabels_ && outputLabels_->size() == labels_->size())
+    prev = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(i));
+  Seg::internal::convertToLabels(*prob, *lab, prev, currentObjectLabel(i), cropOffset_, cropSize_, clearOutside);
   frame->setDirtyMem();
   outputLabels_ = labels_->clone();
 }
