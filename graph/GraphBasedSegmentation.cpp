@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "GraphLaplacianAlgorithm.h"
+#include "GraphLaplacianIds.h"
 #include "ImageComponents.h"
 #include "ImageProcessing.h"
 #include "Interpolation.h"
@@ -249,7 +250,7 @@ void GraphBasedSegmentation::compute() {
   }
 
   Properties p;
-  p.setParam("Graph Type", useSuperpixels ? 1 : 0);
+  p.setParam("Graph Type", static_cast<int>(useSuperpixels ? GraphType::Superpixels : GraphType::Image));
   if (useSuperpixels && superpixelsConfig_) p.copyFrom(*superpixelsConfig_);
   p.setParam("Active Label", currentObjectLabel(i));
   p.setParam("Solver ID", solverId.value());
