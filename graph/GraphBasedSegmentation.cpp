@@ -3,21 +3,17 @@
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <limits>
 
 #include "GraphLaplacianAlgorithm.h"
+#include "GraphLaplacianIds.h"
 #include "ImageComponents.h"
 #include "ImageProcessing.h"
 #include "Interpolation.h"
 #include "Log.h"
-#include "MarchingCubes.h"
-#include "MarchingSquares.h"
-#include "Mesh.h"
-#include "MeshProcessing.h"
-#include "Spline.h"
+#include "SegmentationSteps.h"
 #include "SharedImageSet.h"
 
 namespace Merivane {
@@ -111,42 +107,16 @@ uint64_t GraphBasedSegmentation::memoryEstimation(int level) const {
 }
 
 GraphBasedSegmentation::BoxDecision GraphBasedSegmentation::computeBox(int index, bool& reuse) {
-  const SharedImage* labelFrame = labels_->get(index);
-  auto* lab = dynamic_cast<const TypedImage<unsigned char>*>(labelFrame->mem());
+  auto* lab = dynamic_cast<const TypedImage<unsigned char>*>(labels_->get(index)->mem());
   if (!lab) return BoxDecision::Abort;
-  const Eigen::Vector3i d = lab->dimensions();
-  const int L = currentObjectLabel(index);
-  const unsigned char* prev = nullptr;
-  if (outputLabels_ && outputLabels_->size() == labels_->size()) {
-    auto* p = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(index));
-    if (p && p->descriptor().elementCount() == lab->descriptor().elementCount()) prev = p->pointer();
-  }
-  Eigen::Vector3i lo(d[0], d[1], d[2]), hi(-1, -1, -1);
-  int64_t objects = 0, backgrounds = 0;
-  const unsigned char* l = lab->pointer();
-  for (int z = 0; z < d[2]; ++z)
-    for (int y = 0; y < d[1]; ++y)
-      for (int x = 0; x < d[0]; ++x) {
-        const size_t i = (static_cast<size_t>(z) * d[1] + y) * d[0] + x;
-        const bool seed = l[i] == L || l[i] == L + 1;
-        if (!seed && !(prev && prev[i] != L)) continue;
-        const Eigen::Vector3i v(x, y, z);
-        lo = lo.cwiseMin(v);
-        hi = hi.cwiseMax(v);
-        (l[i] == L ? objects : backgrounds) += 1;
-      }
-  if (objects + backgrounds == 0) return BoxDecision::Abort;
-  if (backgrounds == 0) return BoxDecision::NoCrop;
+  const TypedImage<unsigned char>* prev = nullptr;
+  if (outputLabels_ && outputLabels_->size() == labels_->size())
+    prev = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(index));
+  const Seg::internal::SeedBox box = Seg::internal::seedBox(*lab, prev, currentObjectLabel(index), boxMargin);
+  if (!box.anySeeds) return BoxDecision::Abort;
+  if (!box.crop) return BoxDecision::NoCrop;
 
-  const double m = boxMargin;
-  Eigen::Vector3i offset, size;
-  for (int k = 0; k < 3; ++k) {
-    const int newMin = std::max(static_cast<int>(lo[k] - (hi[k] - lo[k]) * m + 0.5), 0);
-    const int newMax = std::min(static_cast<int>(hi[k] + (hi[k] - newMin) * m + 0.5), d[k] - 1);
-    offset[k] = newMin;
-    size[k] = newMax - newMin + 1;
-  }
-  if ((size[0] == 1) + (size[1] == 1) + (size[2] == 1) >= 2) return BoxDecision::NoCrop;
+  const Eigen::Vector3i d = lab->dimensions(), &offset = box.offset, &size = box.size;
   if (verbose) {
     const double fraction = double(size[0]) * size[1] * size[2] / (double(d[0]) * d[1] * d[2]);
     LOG_INFO(kCategory, "Cropping offset [" << offset[0] << ", " << offset[1] << ", " << offset[2] << "], size ["
@@ -250,36 +220,7 @@ bool GraphBasedSegmentation::drawOutline(int index) {
   auto* prob = dynamic_cast<const TypedImage<float>*>(probability_->mem(0));
   auto* lab = dynamic_cast<TypedImage<unsigned char>*>(labels_->mem(index));
   if (!prob || !lab) return false;
-  const Eigen::Vector3i d = lab->dimensions();
-  const float t = 0.5f;
-  std::atomic<bool> border{false};
-  const float* p = prob->pointer();
-  unsigned char* l = lab->pointer();
-  const Eigen::Vector3i o = cropOffset_, s = cropSize_;
-  const int64_t W = d[0], WH = int64_t(d[0]) * d[1];
-#pragma omp parallel for schedule(static)
-  for (int z = o[2]; z < o[2] + s[2]; ++z)
-    for (int y = o[1]; y < o[1] + s[1]; ++y)
-      for (int x = o[0]; x < o[0] + s[0]; ++x) {
-        const int64_t i = x + W * y + WH * z;
-        if (p[i] < t) {
-          if (l[i] > 254) l[i] = 0;
-          continue;
-        }
-        const bool outside = (x > 0 && p[i - 1] < t) || (x < d[0] - 1 && p[i + 1] < t) ||
-                             (y > 0 && p[i - W] < t) || (y < d[1] - 1 && p[i + W] < t) ||
-                             (z > 0 && p[i - WH] < t) || (z < d[2] - 1 && p[i + WH] < t);
-        const bool onBorder = x == 0 || x == d[0] - 1 || y == 0 || y == d[1] - 1 ||
-                              (d[2] != 1 && (z == 0 || z == d[2] - 1));
-        if (onBorder) {
-          border.store(true, std::memory_order_relaxed);
-          l[i] = 255;
-          continue;
-        }
-        if (l[i] > 254) l[i] = 0;
-        if (outside) l[i] = 255;
-      }
-  return border.load();
+  return Seg::internal::drawOutline(*prob, *lab, cropOffset_, cropSize_);
 }
 
 void GraphBasedSegmentation::compute() {
@@ -309,7 +250,7 @@ void GraphBasedSegmentation::compute() {
   }
 
   Properties p;
-  p.setParam("Graph Type", useSuperpixels ? 1 : 0);
+  p.setParam("Graph Type", static_cast<int>(useSuperpixels ? GraphType::Superpixels : GraphType::Image));
   if (useSuperpixels && superpixelsConfig_) p.copyFrom(*superpixelsConfig_);
   p.setParam("Active Label", currentObjectLabel(i));
   p.setParam("Solver ID", solverId.value());
@@ -409,152 +350,12 @@ void GraphBasedSegmentation::convertToLabels(bool clearOutside) {
   SharedImage* frame = labels_ ? labels_->get(i) : nullptr;
   auto* lab = frame ? dynamic_cast<TypedImage<unsigned char>*>(frame->mem()) : nullptr;
   if (!prob || !lab) return;
-  const unsigned char* prev = nullptr;
-  if (outputLabels_ && outputLabels_->size() == labels_->size()) {
-    auto* p = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(i));
-    if (p && p->descriptor().elementCount() == lab->descriptor().elementCount()) prev = p->pointer();
-  }
-  const int L = currentObjectLabel(i);
-  const Eigen::Vector3i d = lab->dimensions(), o = cropOffset_, s = cropSize_;
-  const float* pr = prob->pointer();
-  unsigned char* l = lab->pointer();
-#pragma omp parallel for schedule(static)
-  for (int z = 0; z < d[2]; ++z)
-    for (int y = 0; y < d[1]; ++y)
-      for (int x = 0; x < d[0]; ++x) {
-        const size_t k = (static_cast<size_t>(z) * d[1] + y) * d[0] + x;
-        const bool inside = x >= o[0] && x < o[0] + s[0] && y >= o[1] && y < o[1] + s[1] && z >= o[2] &&
-                            z < o[2] + s[2];
-        if (!inside && !clearOutside) continue;
-        if (prev && prev[k] != L)
-          l[k] = prev[k];
-        else if (inside)
-          l[k] = static_cast<unsigned char>(pr[k] >= 0.5f ? L : L + 1);
-        else
-          l[k] = static_cast<unsigned char>(L + 1);
-      }
+  const TypedImage<unsigned char>* prev = nullptr;
+  if (outputLabels_ && outputLabels_->size() == labels_->size())
+    prev = dynamic_cast<const TypedImage<unsigned char>*>(outputLabels_->mem(i));
+  Seg::internal::convertToLabels(*prob, *lab, prev, currentObjectLabel(i), cropOffset_, cropSize_, clearOutside);
   frame->setDirtyMem();
   outputLabels_ = labels_->clone();
-}
-
-namespace {
-
-// The probability map as a 0/1 float image, the common start of both extractions.
-std::unique_ptr<TypedImage<float>> binaryProbability(const SharedImageSet& probability) {
-  auto copy = ImageProcessing::createFloat(*probability.mem(0), ImageProcessing::None);
-  auto typed = std::unique_ptr<TypedImage<float>>(static_cast<TypedImage<float>*>(copy.release()));
-  float* p = typed->pointer();
-  const size_t n = typed->descriptor().elementCount();
-  for (size_t k = 0; k < n; ++k) p[k] = p[k] > 0.5f ? 1.0f : 0.0f;
-  return typed;
-}
-
-void zeroBorder(TypedImage<float>& img, bool withZ) {
-  const Eigen::Vector3i d = img.dimensions();
-  for (int z = 0; z < d[2]; ++z)
-    for (int y = 0; y < d[1]; ++y)
-      for (int x = 0; x < d[0]; ++x)
-        if (x == 0 || y == 0 || x == d[0] - 1 || y == d[1] - 1 || (withZ && (z == 0 || z == d[2] - 1)))
-          img.setValue(0.0f, x, y, z);
-}
-
-}  // namespace
-
-std::unique_ptr<Mesh> GraphBasedSegmentation::extractSegmentation3D(double smoothness, double exportResolution,
-                                                                     bool closeBorder) {
-  if (!probability_ || !probability_->mem(0)) {
-    LOG_ERROR(kCategory, "No segmentation available");
-    return nullptr;
-  }
-  auto binary = binaryProbability(*probability_);
-  const Eigen::Vector3d sp = binary->spacing();
-  if (exportResolution <= 0) exportResolution = sp[0];
-  double f = smoothness / 6.0 + 0.5;
-  if (f <= 1.0) f = 1.0;
-  const double target = std::cbrt((f == 1.0 ? 1.0 : f * f * f) * sp[0] * sp[1] * sp[2]);
-  auto resampled = ImageProcessing::createResampled(*binary, Eigen::Vector3d::Constant(target));
-  if (!resampled) return nullptr;
-  auto* volume = static_cast<TypedImage<float>*>(resampled.get());
-  LOG_DEBUG(kCategory, "Target resolution: " << target << " x " << target << " x " << target);
-  LOG_DEBUG(kCategory, "Export resolution: " << exportResolution);
-  if (closeBorder) zeroBorder(*volume, true);
-
-  std::unique_ptr<Mesh> mesh = MarchingCubes::computeIsosurface(volume, nullptr, 0.5f);
-  if (!mesh) return nullptr;
-  MeshProcessing::mergeCloseVertices(*mesh, 0.0);
-  // Pixel coordinates of the resampled volume to world coordinates.
-  SharedImage frame(std::shared_ptr<Image>(std::move(resampled)));
-  frame.setMatrix(probability_->get(0)->matrix());
-  for (auto& v : mesh->vertices) v = frame.pixelToWorld(v.cast<double>()).cast<float>();
-  MeshProcessing::computeVertexNormals(*mesh);
-
-  double e = frame.descriptor().spacing[0] * f;
-  if (exportResolution > e) {
-    // Aim at triangles whose edges are about the export resolution long.
-    double area = 0.0;
-    for (const auto& t : mesh->faces) {
-      const Eigen::Vector3f a = mesh->vertices[static_cast<size_t>(t[0])];
-      const Eigen::Vector3f b = mesh->vertices[static_cast<size_t>(t[1])];
-      const Eigen::Vector3f c = mesh->vertices[static_cast<size_t>(t[2])];
-      area += 0.5 * static_cast<double>((b - a).cross(c - a).norm());
-    }
-    const double perFace = exportResolution * exportResolution * std::sqrt(3.0) / 4.0;
-    MeshProcessing::simplify(*mesh, std::max<size_t>(4, static_cast<size_t>(area / perFace)));
-  } else {
-    // As many subdivisions as halvings of e it takes to reach the export resolution.
-    int halvings = 0;
-    while (e > exportResolution) {
-      e *= 0.5;
-      ++halvings;
-    }
-    if (halvings > 0) MeshProcessing::subdivide(*mesh, halvings);
-  }
-  const int iterations = static_cast<int>(smoothness * 0.1);
-  if (iterations > 0) MeshProcessing::smooth(*mesh, iterations);
-  if (!mesh->hasNormals()) MeshProcessing::computeVertexNormals(*mesh);
-  mesh->setName("Segmentation");
-  return mesh;
-}
-
-std::vector<std::vector<Eigen::Vector3d>> GraphBasedSegmentation::extractSegmentation2D(double smoothness,
-                                                                                        double exportResolution,
-                                                                                        bool closeBorder) {
-  if (!probability_ || !probability_->mem(0)) {
-    LOG_ERROR(kCategory, "No segmentation available");
-    return {};
-  }
-  auto binary = binaryProbability(*probability_);
-  if (exportResolution <= 0) exportResolution = binary->spacing()[0];
-  const int k = static_cast<int>(smoothness / 6.0 + 0.5);
-  if (k > 1) {
-    auto resampled = ImageProcessing::createResampled(*binary, binary->spacing() * k);
-    if (resampled) binary.reset(static_cast<TypedImage<float>*>(resampled.release()));
-  }
-  if (closeBorder) zeroBorder(*binary, false);
-  const int W = binary->width(), H = binary->height();
-  const Eigen::Vector2d spacing = binary->spacing().head<2>();
-  const Eigen::Vector2d origin = -Eigen::Vector2d(W * 0.5 - 0.5, H * 0.5 - 0.5).cwiseProduct(spacing);
-  std::vector<MarchingSquares::Polyline> lines;
-  MarchingSquares::run(binary->pointer(), W, H, 0.5, lines, origin, spacing);
-
-  const Eigen::Matrix4d m = probability_->get(0)->matrix();
-  std::vector<std::vector<Eigen::Vector3d>> contours;
-  for (const auto& line : lines) {
-    std::vector<Eigen::Vector3d> world;
-    for (size_t j = 0; j < line.size(); ++j) {
-      if (j + 1 == line.size() && line.size() > 1 && line[j] == line.front()) break;  // closing repeat
-      world.push_back((m * Eigen::Vector4d(line[j][0], line[j][1], 0.0, 1.0)).head<3>());
-    }
-    std::vector<Eigen::Vector3d> sampled;
-    if (world.size() >= 2) {
-      Spline spline(world, true);
-      const double length = spline.length();
-      const int n = static_cast<int>(length / exportResolution + 0.5);
-      for (int j = 0; j < n; ++j) sampled.push_back(spline.pointAtLength(n > 1 ? j * length / (n - 1) : 0.0));
-    }
-    contours.push_back(std::move(sampled));
-  }
-  return contours;
 }
 
 }  // namespace Merivane

@@ -22,12 +22,25 @@ constexpr const char* kCategory = "Seg.GraphLaplacianAlgorithm";
 using Clock = std::chrono::steady_clock;
 double msSince(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
 
-std::unique_ptr<GraphLaplacian> createGraph(int type) {
+// Null for a type without a graph class here (the superpixel graphs) or outside the table.
+std::unique_ptr<GraphLaplacian> createGraph(GraphType type) {
   switch (type) {
-    case 0: return std::make_unique<GraphLaplacianImage>();
-    case 2: return std::make_unique<GraphLaplacianImageAttenuation>();
-    default: return nullptr;
+    case GraphType::Image: return std::make_unique<GraphLaplacianImage>();
+    case GraphType::ImageAttenuation: return std::make_unique<GraphLaplacianImageAttenuation>();
+    case GraphType::Superpixels:
+    case GraphType::SuperpixelsAttenuation: return nullptr;
   }
+  return nullptr;
+}
+
+bool hasClass(const GraphLaplacian& graph, GraphType type) {
+  switch (type) {
+    case GraphType::Image: return typeid(graph) == typeid(GraphLaplacianImage);
+    case GraphType::ImageAttenuation: return typeid(graph) == typeid(GraphLaplacianImageAttenuation);
+    case GraphType::Superpixels:
+    case GraphType::SuperpixelsAttenuation: return false;
+  }
+  return false;
 }
 
 }  // namespace
@@ -62,13 +75,10 @@ bool GraphLaplacianAlgorithm::createCompatible(const DataList& data, Algorithm**
 void GraphLaplacianAlgorithm::configure(const Properties* properties) {
   if (!properties) return;
   Algorithm::configure(properties);
-  const int type = graphType.value();
-  if (type >= 0 && type <= 3) {
-    const bool matches = (type == 0 && typeid(*graph_) == typeid(GraphLaplacianImage)) ||
-                         (type == 2 && typeid(*graph_) == typeid(GraphLaplacianImageAttenuation));
-    if (!matches)
-      if (auto g = createGraph(type)) graph_ = std::move(g);
-  }
+  // A value outside the table keeps the graph as it is.
+  const GraphType type = selectedGraphType();
+  if (graphType.value() <= static_cast<unsigned short>(GraphType::SuperpixelsAttenuation) && !hasClass(*graph_, type))
+    if (auto g = createGraph(type)) graph_ = std::move(g);
   graph_->configure(properties);
 }
 
@@ -91,8 +101,7 @@ uint64_t GraphLaplacianAlgorithm::memoryEstimation(int level) const {
   const auto& l = labels_->descriptor();
   int64_t n = static_cast<int64_t>(l.elementCount()) / divisor;
   int64_t extra = 0;
-  const int type = graphType.value();
-  if (type == 1 || type == 3) {
+  if (isSuperpixelGraph(selectedGraphType())) {
     extra = n * 8;
     int superpixels = 0;
     if (auto* p = graph_->parameter("Superpixels Number")) {
@@ -104,7 +113,7 @@ uint64_t GraphLaplacianAlgorithm::memoryEstimation(int level) const {
   }
   const int64_t k = dim < 3 ? 5 : 7;
   int64_t estimate = n * 48 + extra + (k * n + n) * 12;
-  if (solverId.value() == 4) estimate += n * (dim < 3 ? 10 : 12) * 8;
+  if (selectedSolver() == SolverId::BiCGStabEigen) estimate += n * (dim < 3 ? 10 : 12) * 8;
   return static_cast<uint64_t>(static_cast<float>(estimate) * 1.3f);
 }
 
@@ -129,20 +138,20 @@ bool GraphLaplacianAlgorithm::checkLabels(SharedImage* labels) const {
   return hasObject && hasBackground;
 }
 
-std::unique_ptr<LinearSolver> GraphLaplacianAlgorithm::createSolver(int id) const {
+std::unique_ptr<LinearSolver> GraphLaplacianAlgorithm::createSolver(SolverId id) const {
   const int it = solverIterations.value();
   const float tol = std::pow(10.0f, static_cast<float>(solverToleranceLog.value()));
   switch (id) {
-    case 0: return std::make_unique<LLTFloatSolver>();
-    case 1: return std::make_unique<LLTEigenSolver>();
-    case 2: return std::make_unique<CGSolver>(it, tol);
-    case 3: return std::make_unique<BiCGStabSolver>(it, tol);
-    case 4: return std::make_unique<BiCGStabEigenSolver>(true, it, tol);
-    case 5: return std::make_unique<BiCGStabEigenSolver>(false, it, tol);
-    case 6: return std::make_unique<BiCGStabViennaCPUSolver>(it, tol);
-    case 7: return std::make_unique<BiCGStabViennaGPUSolver>(it, tol);
-    default: return nullptr;
+    case SolverId::LLTFloat: return std::make_unique<LLTFloatSolver>();
+    case SolverId::LLTEigen: return std::make_unique<LLTEigenSolver>();
+    case SolverId::CG: return std::make_unique<CGSolver>(it, tol);
+    case SolverId::BiCGStabFloat: return std::make_unique<BiCGStabSolver>(it, tol);
+    case SolverId::BiCGStabEigen: return std::make_unique<BiCGStabEigenSolver>(true, it, tol);
+    case SolverId::BiCGStabEigenFloat: return std::make_unique<BiCGStabEigenSolver>(false, it, tol);
+    case SolverId::BiCGStabViennaCPU: return std::make_unique<BiCGStabViennaCPUSolver>(it, tol);
+    case SolverId::BiCGStabViennaGPU: return std::make_unique<BiCGStabViennaGPUSolver>(it, tol);
   }
+  return nullptr;
 }
 
 Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
@@ -188,7 +197,7 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
     LOG_INFO(kCategory, "[GraphSegmentation] 2) Assembly of the linear system: " << msSince(start) << " ms");
 
   Eigen::VectorXf x = b;
-  std::unique_ptr<LinearSolver> solver = createSolver(solverId.value());
+  std::unique_ptr<LinearSolver> solver = createSolver(selectedSolver());
   if (!solver) {
     LOG_ERROR(kCategory, "Incorrect solver ID");
     return previousSolution_;

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "Algorithm.h"
+#include "GraphLaplacianIds.h"
 #include "Parameter.h"
 
 namespace Merivane {
@@ -43,7 +44,10 @@ class GraphLaplacianAlgorithm : public Algorithm {
   const Eigen::VectorXf& previousSolution() const { return previousSolution_; }
   void setPreviousSolution(Eigen::VectorXf v) { previousSolution_ = std::move(v); }
   // Creates the solver of a table id, null for an unknown id.
-  std::unique_ptr<LinearSolver> createSolver(int id) const;
+  std::unique_ptr<LinearSolver> createSolver(SolverId id) const;
+  // The integer settings by name; values outside the tables come through unchanged.
+  SolverId selectedSolver() const { return static_cast<SolverId>(solverId.value()); }
+  GraphType selectedGraphType() const { return static_cast<GraphType>(graphType.value()); }
   // What the last solveLaplace did: iterations, the residual |A x - b|, and an algorithm status
   // (success also when the solver stopped above its tolerance, which only warns; an error when
   // the solver id is unknown or the solve failed; canceled).

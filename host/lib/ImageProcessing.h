@@ -40,7 +40,8 @@ std::unique_ptr<MemImage> createResampled(const MemImage& image, const Eigen::Ve
 namespace Merivane::Filters {
 
 // Mean over a box of sx x sy x sz voxels (odd sizes centre the box), clipped at the image
-// border. `out` must have the input's dimensions and channels; any pixel type.
+// border. `out` must have the input's dimensions and channels; any pixel type, integers rounded
+// to the nearest value and saturated.
 bool boxFilter3d(const MemImage* in, MemImage* out, int sx, int sy, int sz);
 
 }  // namespace Merivane::Filters

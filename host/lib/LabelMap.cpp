@@ -10,20 +10,22 @@
 
 namespace Merivane::Seg {
 
-int isCompatibleLabelMap(const SharedImageSet& image, const SharedImageSet& labelMap, bool lenient) {
-  if (!lenient && labelMap.modality() != Data::LABEL) return 1;
-  if (!lenient && labelMap.size() != image.size()) return 5;
+LabelMapCompatibility isCompatibleLabelMap(const SharedImageSet& image, const SharedImageSet& labelMap,
+                                           bool lenient) {
+  using C = LabelMapCompatibility;
+  if (!lenient && labelMap.modality() != Data::LABEL) return C::NotLabelModality;
+  if (!lenient && labelMap.size() != image.size()) return C::FrameCountDiffers;
   const int n = std::min(image.size(), labelMap.size());
   for (int i = 0; i < n; ++i)
-    if (labelMap.img(i)->type() != U8) return 2;
+    if (labelMap.img(i)->type() != U8) return C::NotU8;
   for (int i = 0; i < n; ++i)
-    if (labelMap.img(i)->channels() != 1) return 3;
+    if (labelMap.img(i)->channels() != 1) return C::NotOneChannel;
   for (int i = 0; i < n; ++i)
-    if (!image.img(i)->compatible(*labelMap.img(i), true, false, true)) return 4;
+    if (!image.img(i)->compatible(*labelMap.img(i), true, false, true)) return C::GridDiffers;
   if (!lenient)
     for (int i = 0; i < n; ++i)
-      if (image.img(i)->spacing() != labelMap.img(i)->spacing()) return 6;
-  return 0;
+      if (image.img(i)->spacing() != labelMap.img(i)->spacing()) return C::SpacingDiffers;
+  return C::Compatible;
 }
 
 std::unique_ptr<SharedImageSet> createCompatibleLabelMap(const SharedImageSet& image) {

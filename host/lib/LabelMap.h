@@ -9,12 +9,21 @@ class SharedImageSet;
 
 namespace Merivane::Seg {
 
-// 0 when compatible; otherwise the first failing test:
-//   1 not of modality LABEL (strict only)   5 sizes differ (strict only)
-//   2 a frame isn't U8                      3 a frame doesn't have one channel
-//   4 a frame's grid differs from the image's   6 spacing differs (strict only)
-// Frames are compared up to the smaller size.
-int isCompatibleLabelMap(const SharedImageSet& image, const SharedImageSet& labelMap, bool lenient = false);
+// The outcome of isCompatibleLabelMap: the first failing test, with the codes callers have
+// always been given.
+enum class LabelMapCompatibility : int {
+  Compatible = 0,
+  NotLabelModality = 1,  // strict only
+  NotU8 = 2,             // a frame isn't U8
+  NotOneChannel = 3,     // a frame doesn't have one channel
+  GridDiffers = 4,       // a frame's grid differs from the image's
+  FrameCountDiffers = 5, // strict only
+  SpacingDiffers = 6,    // strict only, compared exactly
+};
+
+// The tests run in the order 1, 5, 2, 3, 4, 6; frames are compared up to the smaller count.
+LabelMapCompatibility isCompatibleLabelMap(const SharedImageSet& image, const SharedImageSet& labelMap,
+                                           bool lenient = false);
 
 // A new label map for `image`, zeroed, built by ensureCompatibleLabelMap.
 std::unique_ptr<SharedImageSet> createCompatibleLabelMap(const SharedImageSet& image);

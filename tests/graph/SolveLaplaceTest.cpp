@@ -2,6 +2,7 @@
 
 #include <Eigen/Dense>
 #include <cmath>
+#include <functional>
 #include <random>
 
 #include "GraphLaplacianAlgorithm.h"
@@ -334,4 +335,63 @@ TEST(SolveLaplace, NodeListsThatDoNotFitTheMatrixSolveNothing) {
   TestKit::LogCapture log;
   EXPECT_EQ(a->solveLaplace(nullptr), prev);
   EXPECT_EQ(log.count(Log::Error), 1);
+}
+
+// The integer of "Solver ID" in Properties picks the class of the solver table: ids 4 and 5
+// are the same class in double and single precision, and an id past the table gives none.
+struct SolverRow {
+  int id;
+  std::function<bool(const LinearSolver*)> isClass;
+};
+
+class SolverTable : public testing::TestWithParam<SolverRow> {};
+
+template <typename S>
+std::function<bool(const LinearSolver*)> is() {
+  return [](const LinearSolver* s) { return dynamic_cast<const S*>(s) != nullptr; };
+}
+
+TEST_P(SolverTable, StoredIdCreatesTheSolverOfItsRow) {
+  auto img = floatFrame({3, 3, 1}, [](int, int, int) { return 0.0; });
+  auto lab = labelFrame({3, 3, 1}, [](int, int, int) { return 0; });
+  GraphLaplacianAlgorithm a(*img, *lab);
+  Properties p;
+  p.setParam("Solver ID", GetParam().id);
+  a.configure(&p);
+  EXPECT_EQ(static_cast<int>(a.selectedSolver()), GetParam().id);
+  auto solver = a.createSolver(a.selectedSolver());
+  EXPECT_TRUE(GetParam().isClass(solver.get())) << "id " << GetParam().id;
+  Properties written;
+  a.configuration(&written);
+  int stored = -1;
+  written.param("Solver ID", stored);
+  EXPECT_EQ(stored, GetParam().id);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, SolverTable,
+    testing::Values(SolverRow{0, is<LLTFloatSolver>()}, SolverRow{1, is<LLTEigenSolver>()}, SolverRow{2, is<CGSolver>()},
+                    SolverRow{3, is<BiCGStabSolver>()}, SolverRow{4, is<BiCGStabEigenSolver>()},
+                    SolverRow{5, is<BiCGStabEigenSolver>()}, SolverRow{6, is<BiCGStabViennaCPUSolver>()},
+                    SolverRow{7, is<BiCGStabViennaGPUSolver>()},
+                    SolverRow{8, [](const LinearSolver* s) { return s == nullptr; }}));
+
+// "Graph Type" 2 swaps in the attenuation graph, 0 brings back the plain one, and a value
+// outside the table keeps the graph in use.
+TEST(GraphTypeSetting, StoredTypePicksTheGraphClass) {
+  auto img = floatFrame({3, 3, 1}, [](int, int, int) { return 0.0; });
+  auto lab = labelFrame({3, 3, 1}, [](int, int, int) { return 0; });
+  GraphLaplacianAlgorithm a(*img, *lab);
+  auto configureType = [&](int type) {
+    Properties p;
+    p.setParam("Graph Type", type);
+    a.configure(&p);
+  };
+  configureType(2);
+  EXPECT_EQ(a.selectedGraphType(), GraphType::ImageAttenuation);
+  EXPECT_NE(dynamic_cast<GraphLaplacianImageAttenuation*>(&a.graph()), nullptr);
+  configureType(9);
+  EXPECT_NE(dynamic_cast<GraphLaplacianImageAttenuation*>(&a.graph()), nullptr);
+  configureType(0);
+  EXPECT_EQ(typeid(a.graph()), typeid(GraphLaplacianImage));
 }

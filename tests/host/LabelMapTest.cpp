@@ -21,6 +21,9 @@ void setFrame(SharedImageSet& set, int i, PixelType type, const Eigen::Vector3i&
   set.replace(i, frame);
 }
 
+// The documented integer code of a compatibility check.
+int code(Seg::LabelMapCompatibility c) { return static_cast<int>(c); }
+
 }  // namespace
 
 struct CompatCase {
@@ -34,10 +37,10 @@ class IsCompatibleLabelMap : public ::testing::TestWithParam<CompatCase> {};
 
 TEST_P(IsCompatibleLabelMap, ReportsFirstFailingTest) {
   Pair p;
-  ASSERT_EQ(Seg::isCompatibleLabelMap(*p.image, *p.labels, false), 0);
+  ASSERT_EQ(Seg::isCompatibleLabelMap(*p.image, *p.labels, false), Seg::LabelMapCompatibility::Compatible);
   GetParam().spoil(p);
-  EXPECT_EQ(Seg::isCompatibleLabelMap(*p.image, *p.labels, false), GetParam().strict);
-  EXPECT_EQ(Seg::isCompatibleLabelMap(*p.image, *p.labels, true), GetParam().lenient);
+  EXPECT_EQ(code(Seg::isCompatibleLabelMap(*p.image, *p.labels, false)), GetParam().strict);
+  EXPECT_EQ(code(Seg::isCompatibleLabelMap(*p.image, *p.labels, true)), GetParam().lenient);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -85,7 +88,7 @@ TEST(EnsureCompatibleLabelMap, EmptyLabelMapGetsOneZeroedFramePerImageFrame) {
     EXPECT_EQ(hi, 0);
   }
   EXPECT_FALSE(labels.img(0)->isMetric());
-  EXPECT_EQ(Seg::isCompatibleLabelMap(*image, labels), 0);
+  EXPECT_EQ(Seg::isCompatibleLabelMap(*image, labels), Seg::LabelMapCompatibility::Compatible);
 }
 
 TEST(EnsureCompatibleLabelMap, SurplusFramesGoAndPatientInformationIsCopiedWithToday) {

@@ -55,7 +55,7 @@ TEST(MakeCompatibleLabelMap, OneImageGivesNewEmptyLabelMap) {
   auto out = a->takeOutput();
   auto labels = out.extractFirstImage();
   ASSERT_TRUE(labels);
-  EXPECT_EQ(Seg::isCompatibleLabelMap(*image, *labels), 0);
+  EXPECT_EQ(Seg::isCompatibleLabelMap(*image, *labels), Seg::LabelMapCompatibility::Compatible);
   EXPECT_TRUE(a->takeOutput().empty());  // once
 }
 
@@ -65,7 +65,7 @@ TEST(MakeCompatibleLabelMap, ConvertsALabelMapInPlaceOrLeavesItAloneOnMismatch) 
   std::unique_ptr<Algorithm> a(new MakeCompatibleLabelMapAlgorithm(image.get(), labels.get()));
   a->compute();
   ASSERT_EQ(a->status(), Algorithm::statusSuccess);
-  EXPECT_EQ(Seg::isCompatibleLabelMap(*image, *labels), 0);
+  EXPECT_EQ(Seg::isCompatibleLabelMap(*image, *labels), Seg::LabelMapCompatibility::Compatible);
   auto* t = static_cast<TypedImage<unsigned char>*>(labels->mem(0));
   EXPECT_EQ(t->value(1, 1), 2);    // 1.6 rounds
   EXPECT_EQ(t->value(2, 0), 255);  // clamped
