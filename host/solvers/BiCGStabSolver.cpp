@@ -1,4 +1,6 @@
 // Single-precision BiCGSTAB with a Jacobi preconditioner: the Krylov core with float vectors.
+#include <omp.h>
+
 #include <vector>
 
 #include "Krylov.h"
@@ -12,7 +14,7 @@ void BiCGStabSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eig
                            const Eigen::VectorXf& guess) {
   SolverReport report(*this);
   if (!report.begin(A, b, x)) return;
-  ThreadScope threads(Krylov::availableThreads());
+  ThreadScope threads(Krylov::availableThreads(omp_get_max_threads()));
   const auto n = static_cast<ptrdiff_t>(A.rows());
   std::vector<float> invDiag(static_cast<size_t>(n), 1.0f);
   const int* outer = A.outerIndexPtr();
@@ -28,7 +30,7 @@ void BiCGStabSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eig
   };
   x = guess.size() == b.size() ? guess : b;
   const Krylov::Matrix K{n, outer, inner, values};
-  report.take(Krylov::bicgstab<float>(K, b.data(), x.data(), jacobi, {iterations_, tolerance_, canceled}));
+  report.take(Krylov::bicgstab<float>(K, b.data(), x.data(), jacobi, {iterations_, tolerance_, canceled, threads.cap()}));
   report.workspaceBytes = static_cast<size_t>(n) * sizeof(float) * 7;
   if (verbose)
     LOG_INFO("Solver", "BiCGSTAB-Float: " << report.iterations << " iterations, relative residual " << report.error);

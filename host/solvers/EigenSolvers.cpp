@@ -1,5 +1,7 @@
 #include <omp.h>
 
+#include <chrono>
+
 #include <Eigen/SparseCholesky>
 #include <vector>
 
@@ -53,11 +55,14 @@ void krylovSolve(Method method, const SparseMatrixF& A, const Eigen::VectorXf& b
     report.info = SolverInfo::InvalidInput;
     return;
   }
-  ThreadScope threads(Krylov::availableThreads());
+  ThreadScope threads(Krylov::availableThreads(omp_get_max_threads()));
+  const auto setupStart = std::chrono::steady_clock::now();
   MultigridPreconditioner<S> M(A);
+  const double setupMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - setupStart).count();
   const Krylov::Matrix K{A.rows(), A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr()};
   Vector xs = (guess.size() == b.size() ? guess : b).template cast<S>();
-  Krylov::Settings settings{iterations, tolerance, self.canceled};
+  Krylov::Settings settings{iterations, tolerance, self.canceled, threads.cap()};
   Krylov::Outcome out;
   if constexpr (std::is_same_v<S, float>) {
     out = method == Method::CG ? Krylov::conjugateGradient<S>(K, b.data(), xs.data(), M.function(), settings)
@@ -73,7 +78,8 @@ void krylovSolve(Method method, const SparseMatrixF& A, const Eigen::VectorXf& b
   report.workspaceBytes = M.bytes() + static_cast<size_t>(b.size()) * sizeof(S) * (method == Method::CG ? 4 : 6);
   if (self.verbose)
     LOG_INFO(kCategory, name << ": " << out.iterations << " iterations, relative residual " << out.relativeResidual << " ("
-                             << threads.threads() << " threads, " << M.levels() << " multigrid levels)");
+                             << threads.threads() << " threads, " << M.levels() << " multigrid levels set up in "
+                             << setupMs << " ms)");
 }
 
 // Eigen's sparse Cholesky in precision S, with an approximate-minimum-degree ordering.

@@ -20,6 +20,9 @@ constexpr ptrdiff_t kBlock = 1 << 14;
 // Below this many rows a loop runs on one thread: the barrier costs more than the work.
 constexpr ptrdiff_t kParallelRows = 1 << 15;
 
+// Iterations between two looks at the machine's load.
+constexpr int kThreadCheck = 8;
+
 // Runs f(begin, end, sums) over fixed blocks of rows in one parallel loop and adds the K sums
 // of the blocks in block order, so that the result does not depend on the number of threads.
 template <int K, typename F>
@@ -131,6 +134,8 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
       out.canceled = true;
       break;
     }
+    if (settings.threadCap > 0 && out.iterations % kThreadCheck == kThreadCheck - 1)
+      omp_set_num_threads(availableThreads(settings.threadCap));
     // A shadow residual nearly orthogonal to r stalls the recurrences: start again from here.
     if (std::abs(r0r) < 1e-30 * r0norm2) {
       if (++restarts > 10) {
@@ -274,6 +279,8 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
       out.canceled = true;
       break;
     }
+    if (settings.threadCap > 0 && out.iterations % kThreadCheck == kThreadCheck - 1)
+      omp_set_num_threads(availableThreads(settings.threadCap));
     const double pq = blockSums<1>(n, p1, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 1>& s) {
       for (ptrdiff_t i = i0; i < i1; ++i) {
         const S qi = rowTimes(A, i, p.data());
@@ -328,8 +335,8 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
   return out;
 }
 
-int availableThreads() {
-  const int wanted = std::max(1, omp_get_max_threads());
+int availableThreads(int wanted) {
+  wanted = std::max(1, wanted);
   const int cores = std::max(1, omp_get_num_procs());
   int runnable = 0;
   if (FILE* f = std::fopen("/proc/loadavg", "r")) {

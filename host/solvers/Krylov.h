@@ -28,6 +28,9 @@ struct Settings {
   double tolerance = 0;
   // Asked once an iteration; true ends the solve with `canceled`.
   std::function<bool()> canceled;
+  // When above zero, the thread count is set anew every few iterations from what the machine
+  // has free, up to this many.
+  int threadCap = 0;
 };
 
 struct Outcome {
@@ -52,9 +55,9 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
 template <typename S>
 Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, const Settings& settings);
 
-// Threads to use for a solve: those of OpenMP, less the cores that other processes keep busy
+// Threads to use for a solve: up to `wanted`, less the cores that other processes keep busy
 // right now (runnable tasks in /proc/loadavg), at least one. Waiting at a barrier for a thread
 // that another process has descheduled costs far more than doing its share on one core.
-int availableThreads();
+int availableThreads(int wanted);
 
 }  // namespace Merivane::Krylov

@@ -14,6 +14,8 @@ namespace Merivane {
 class ThreadScope {
  public:
   explicit ThreadScope(int threads) : saved_(omp_get_max_threads()), threads_(threads) { omp_set_num_threads(threads); }
+  // The thread count that was set before, which a solve may grow back to.
+  int cap() const { return saved_; }
   ~ThreadScope() { omp_set_num_threads(saved_); }
   ThreadScope(const ThreadScope&) = delete;
   ThreadScope& operator=(const ThreadScope&) = delete;
