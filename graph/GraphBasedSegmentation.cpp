@@ -283,6 +283,7 @@ bool GraphBasedSegmentation::drawOutline(int index) {
 }
 
 void GraphBasedSegmentation::compute() {
+  if (!validateParameters(kCategory)) return;
   const auto total = Clock::now();
   auto step = Clock::now();
   prepareForComputation();

@@ -72,6 +72,11 @@ void GraphLaplacianAlgorithm::configure(const Properties* properties) {
   graph_->configure(properties);
 }
 
+ParameterBase* GraphLaplacianAlgorithm::findParameter(std::string_view key) const {
+  if (ParameterBase* p = parameter(key)) return p;
+  return graph_->parameter(key);
+}
+
 void GraphLaplacianAlgorithm::configuration(Properties* properties) const {
   if (!properties) return;
   Algorithm::configuration(properties);
@@ -245,6 +250,8 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
 void GraphLaplacianAlgorithm::compute() {
   const auto total = Clock::now();
   auto step = Clock::now();
+  result_.reset();
+  if (!validateParameters(kCategory, {graph_.get()})) return;
   if (!image_ || !labels_ || !labels_->mem()) {
     LOG_ERROR(kCategory, "Input for the graph segmentation is missing");
     setStatus(statusIncompleteInput);
@@ -267,6 +274,9 @@ void GraphLaplacianAlgorithm::compute() {
   if (prior_) priorPyramid.createLevels(numLevels.value());
   const int nLevels = resultPyramid.createLevels(numLevels.value());
   const int minIndex = std::max(std::min(minLevel.value(), nLevels) - 1, 0);
+  if (minLevel.value() > nLevels && nLevels > 0)
+    LOG_WARN(kCategory, "Min Level " << minLevel.value() << " is above the levels made (" << nLevels
+                                     << "); computing level " << nLevels << " instead");
 
   Eigen::VectorXf lastSolution = previousSolution_;
   Progress::Task task(progress_, nLevels - minIndex, "Computing Segmentation...");

@@ -160,7 +160,7 @@ const Failure kFailures[] = {
     {"BadSetting", "run LabelStatistics --in {DIR}/image.nrrd --set floatPrecision --out {DIR}/out", 2, "KEY=VALUE"},
     {"AlgorithmStatus",
      "run GraphBasedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/seeds.nrrd --set \"Solver ID=8\" --out {DIR}/out",
-     1, "failed with status 1 (error): Seg.GraphLaplacianAlgorithm: Incorrect solver ID"},
+     1, "failed with status 2 (invalid input): Seg.GraphBasedSegmentation: Solver ID must lie in 0..7, not 8"},
     {"UnknownCommand", "frobnicate", 2, "unknown command 'frobnicate'"},
     {"BadFormat", "run MakeCompatibleLabelMap --in {DIR}/image.nrrd --format tiff --out {DIR}/out", 2,
      "unknown image format '.tiff'"},
