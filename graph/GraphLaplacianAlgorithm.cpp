@@ -8,6 +8,7 @@
 #include "ImageProcessing.h"
 #include "ImagePyramid.h"
 #include "LinearSolver.h"
+#include "LabelMap.h"
 #include "Log.h"
 #include "Progress.h"
 #include "SharedImageSet.h"
@@ -255,6 +256,12 @@ void GraphLaplacianAlgorithm::compute() {
   if (!image_ || !labels_ || !labels_->mem()) {
     LOG_ERROR(kCategory, "Input for the graph segmentation is missing");
     setStatus(statusIncompleteInput);
+    return;
+  }
+  if (!Seg::overlapsInWorld(*image_, *labels_)) {
+    LOG_ERROR(kCategory, "The label map lies outside the image in world space: "
+                             << Seg::describeWorldExtents(*image_, *labels_));
+    setStatus(statusInvalidInput);
     return;
   }
   // The result has the labels' size and geometry; its content is overwritten level by level.

@@ -186,4 +186,40 @@ TEST(GraphParameters, UnknownSolverIdOfTheLaplacianAlgorithmStaysASolveError) {
   EXPECT_TRUE(log.contains("Incorrect solver ID"));
 }
 
+// The 12 x 12 x 4 mm label map moved in world space: it must share some volume with the image;
+// the grids are paired voxel by voxel, so a partial overlap is the caller's business.
+class GraphLabelMapPlacement
+    : public testing::TestWithParam<std::tuple<Which, std::tuple<Eigen::Vector3d, bool>>> {};
+
+TEST_P(GraphLabelMapPlacement, LabelMapOutsideTheImageInWorldIsRefused) {
+  const Which which = std::get<0>(GetParam());
+  const auto [shift, accepted] = std::get<1>(GetParam());
+  Scene s;
+  Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
+  m.block<3, 1>(0, 3) = shift;
+  s.labels->get(0)->setMatrix(m);
+  auto a = make(which, s);
+  TestKit::LogCapture log;
+  a->compute();
+  if (accepted) {
+    EXPECT_EQ(a->status(), Algorithm::statusSuccess);
+    return;
+  }
+  EXPECT_EQ(a->status(), Algorithm::statusInvalidInput);
+  EXPECT_EQ(a->takeOutput().size(), 0);
+  ASSERT_EQ(log.count(Log::Error), 1);
+  EXPECT_EQ(log.lines()[0].category, category(which));
+  EXPECT_NE(log.lines()[0].message.find("The label map lies outside the image in world space: label map spans x"),
+            std::string::npos)
+      << log.lines()[0].message;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shifts, GraphLabelMapPlacement,
+    testing::Combine(testing::Values(G, L),
+                     testing::Values(std::tuple{Eigen::Vector3d(11, 0, 0), true}, std::tuple{Eigen::Vector3d(0, -11, 3), true},
+                                     std::tuple{Eigen::Vector3d(12, 0, 0), false},
+                                     std::tuple{Eigen::Vector3d(0, 0, 4), false},
+                                     std::tuple{Eigen::Vector3d(100, 100, 100), false})));
+
 }  // namespace
