@@ -143,7 +143,7 @@ INSTANTIATE_TEST_SUITE_P(
       return n;
     });
 
-// Above the levels made, the coarsest level is computed, as documented; a warning says which.
+// Above the levels made, the coarsest level is computed; a warning says which.
 // Four slices make one level, whatever is asked.
 TEST(GraphParameters, MinLevelAboveTheLevelsMadeWarnsAndComputesTheCoarsest) {
   for (Which which : {G, L}) {
