@@ -8,6 +8,7 @@
 #include "Algorithm.h"
 #include "FactoryRegistry.h"
 #include "ImageIO.h"
+#include "InputChecks.h"
 #include "LabelDataComponent.h"
 #include "Log.h"
 #include "Mesh.h"
@@ -212,6 +213,13 @@ RunResult runOnData(const RunOptions& options, const DataList& inputs, const std
   algorithm->configuration(&known);
   for (const std::string& key : options.configuration.paramKeys())
     if (!known.contains(key)) LOG_WARN("merivane", id << " has no parameter '" << key << "'; it may be ignored");
+  // A value that does not read as its parameter's type would be dropped by configure.
+  for (const std::string& key : options.configuration.paramKeys()) {
+    const ParameterBase* p = algorithm->findParameter(key);
+    const std::string* text = options.configuration.rawParam(key);
+    if (p && text && !p->canRead(*text))
+      return fail(exitUsage, "'" + key + "' cannot be read from '" + excerpt(*text) + "'; nothing was run");
+  }
   algorithm->configure(&options.configuration);
   // Relative output paths of an algorithm's own (SaveFile) parameters land in the output folder.
   Properties paths;

@@ -12,6 +12,7 @@
 #include "ImageComponents.h"
 #include "ImageProcessing.h"
 #include "Interpolation.h"
+#include "LabelMap.h"
 #include "Log.h"
 #include "SegmentationSteps.h"
 #include "SharedImageSet.h"
@@ -224,6 +225,14 @@ bool GraphBasedSegmentation::drawOutline(int index) {
 }
 
 void GraphBasedSegmentation::compute() {
+  if (!validateParameters(kCategory)) return;
+  if (images_ && labels_ && images_->get(focus()) && labels_->get(focus()) &&
+      !Seg::overlapsInWorld(*images_->get(focus()), *labels_->get(focus()))) {
+    LOG_ERROR(kCategory, "The label map lies outside the image in world space: "
+                             << Seg::describeWorldExtents(*images_->get(focus()), *labels_->get(focus())));
+    setStatus(statusInvalidInput);
+    return;
+  }
   const auto total = Clock::now();
   auto step = Clock::now();
   prepareForComputation();

@@ -58,15 +58,22 @@ class GraphBasedSegmentation : public Algorithm {
   GraphLaplacianAlgorithm* innerAlgorithm() const { return algorithm_.get(); }
   const SharedImageSet* probability() const { return probability_.get(); }
 
-  Parameter<int> solverId{"Solver ID", 4, this};
-  Parameter<int> solverIterations{"Solver Iterations", 200, this};
-  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this};
-  Parameter<double> solverTolerance{"Solver Tolerance", 1e-5, this};
-  Parameter<int> numLevels{"Num Levels", 4, this};
-  Parameter<int> minLevel{"Min Level", 1, this};
-  Parameter<double> priorWeight{"Prior Weight", 0.0, this};
-  Parameter<bool> exportProbability{"Export Probability", false, this};
-  Parameter<bool> verbose{"Verbose", true, this};
+  // Row of the solver table, 0..7; 0 and 1 are direct solvers.
+  Parameter<int> solverId{"Solver ID", 4, this, {0, 7}};
+  // Limit of the iterative solvers, at least 1.
+  Parameter<int> solverIterations{"Solver Iterations", 200, this, ParameterRange::atLeast(1)};
+  // Edge sharpness, at least 0: the widest intensity step of a level weighs exp(-adaptiveness).
+  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this, ParameterRange::atLeast(0)};
+  // Relative residual at which iterative solvers stop, 1e-38..1; handed on as its base-10 log.
+  Parameter<double> solverTolerance{"Solver Tolerance", 1e-5, this, {1e-38, 1}};
+  // Pyramid levels requested, at least 1; small images get fewer.
+  Parameter<int> numLevels{"Num Levels", 4, this, ParameterRange::atLeast(1)};
+  // Finest level computed, counted from 1; above the levels made, the coarsest one is computed.
+  Parameter<int> minLevel{"Min Level", 1, this, ParameterRange::atLeast(1)};
+  // Pull towards the prior image, at least 0; divided by 10000 in the solve.
+  Parameter<double> priorWeight{"Prior Weight", 0.0, this, ParameterRange::atLeast(0)};
+  Parameter<bool> exportProbability{"Export Probability", false, this};  // takeOutput() gives the map
+  Parameter<bool> verbose{"Verbose", true, this};                        // info lines of each step
   Parameter<bool> autoAccept{"Auto-Accept Segmentation", false, this};
 
  protected:

@@ -40,8 +40,10 @@ class GraphLaplacian : public Configurable {
   SharedImage* image() const { return image_; }
   SharedImage* labels() const { return labels_; }
 
-  Parameter<unsigned short> activeLabel{"Active Label", 1, this};
-  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this};
+  // Object label, 1..253: its seeds are fixed at 1, those of label + 1 at 0 (255 is the outline).
+  Parameter<unsigned short> activeLabel{"Active Label", 1, this, {1, 253}};
+  // Edge sharpness, at least 0: the widest intensity step weighs exp(-adaptiveness).
+  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this, ParameterRange::atLeast(0)};
 
  protected:
   friend class GraphLaplacianAlgorithm;  // lends the Laplacian's storage to the reduced system

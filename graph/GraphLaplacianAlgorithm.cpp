@@ -8,6 +8,7 @@
 #include "ImageProcessing.h"
 #include "ImagePyramid.h"
 #include "LinearSolver.h"
+#include "LabelMap.h"
 #include "Log.h"
 #include "Progress.h"
 #include "SharedImageSet.h"
@@ -80,6 +81,11 @@ void GraphLaplacianAlgorithm::configure(const Properties* properties) {
   if (graphType.value() <= static_cast<unsigned short>(GraphType::SuperpixelsAttenuation) && !hasClass(*graph_, type))
     if (auto g = createGraph(type)) graph_ = std::move(g);
   graph_->configure(properties);
+}
+
+ParameterBase* GraphLaplacianAlgorithm::findParameter(std::string_view key) const {
+  if (ParameterBase* p = parameter(key)) return p;
+  return graph_->parameter(key);
 }
 
 void GraphLaplacianAlgorithm::configuration(Properties* properties) const {
@@ -253,9 +259,17 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
 void GraphLaplacianAlgorithm::compute() {
   const auto total = Clock::now();
   auto step = Clock::now();
+  result_.reset();
+  if (!validateParameters(kCategory, {graph_.get()})) return;
   if (!image_ || !labels_ || !labels_->mem()) {
     LOG_ERROR(kCategory, "Input for the graph segmentation is missing");
     setStatus(statusIncompleteInput);
+    return;
+  }
+  if (!Seg::overlapsInWorld(*image_, *labels_)) {
+    LOG_ERROR(kCategory, "The label map lies outside the image in world space: "
+                             << Seg::describeWorldExtents(*image_, *labels_));
+    setStatus(statusInvalidInput);
     return;
   }
   // The result has the labels' size and geometry; its content is overwritten level by level.
@@ -275,6 +289,9 @@ void GraphLaplacianAlgorithm::compute() {
   if (prior_) priorPyramid.createLevels(numLevels.value());
   const int nLevels = resultPyramid.createLevels(numLevels.value());
   const int minIndex = std::max(std::min(minLevel.value(), nLevels) - 1, 0);
+  if (minLevel.value() > nLevels && nLevels > 0)
+    LOG_WARN(kCategory, "Min Level " << minLevel.value() << " is above the levels made (" << nLevels
+                                     << "); computing level " << nLevels << " instead");
 
   Eigen::VectorXf lastSolution = previousSolution_;
   Progress::Task task(progress_, nLevels - minIndex, "Computing Segmentation...");

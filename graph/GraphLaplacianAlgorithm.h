@@ -27,6 +27,8 @@ class GraphLaplacianAlgorithm : public Algorithm {
   void configuration(Properties* properties) const override;
   void compute() override;
   OwningDataList takeOutput() override;
+  // Also finds the parameters of the graph.
+  ParameterBase* findParameter(std::string_view key) const override;
 
   // Assembles the system over the unknowns of the current graph and solves it; the result is
   // indexed like the graph's unknowns. With an invalid solver id, the previous solution.
@@ -55,16 +57,23 @@ class GraphLaplacianAlgorithm : public Algorithm {
   double lastResidual() const { return lastResidual_; }
   int lastSolveStatus() const { return lastSolveStatus_; }
 
-  Parameter<bool> verbose{"Verbose", true, this};
+  Parameter<bool> verbose{"Verbose", true, this};  // info lines of each step
+  // 0 pixels, 1 superpixels, 2 and 3 the same with attenuation; another value keeps the graph.
   Parameter<unsigned short> graphType{"Graph Type", 0, this};
-  Parameter<float> priorWeight{"Prior Weight", 1.0f, this};
+  // Pull towards the prior image, at least 0; divided by 10000 in the solve.
+  Parameter<float> priorWeight{"Prior Weight", 1.0f, this, ParameterRange::atLeast(0)};
+  // Row of the solver table, 0..7; another id is the solve's own "Incorrect solver ID" error.
   Parameter<unsigned short> solverId{"Solver ID", 4, this};
-  Parameter<int> solverIterations{"Solver Iterations", 200, this};
-  Parameter<int> solverToleranceLog{"Solver Tolerance (Log)", -8, this};  // tolerance is 10 to this
-  Parameter<bool> reuseSolution{"Re-Use Solution", false, this};
-  Parameter<bool> propagateUp{"Propagate Up", true, this};
-  Parameter<int> minLevel{"Min Level", 1, this};  // finest level computed, counted from 1
-  Parameter<int> numLevels{"Num Levels", 1, this};
+  // Limit of the iterative solvers, at least 1.
+  Parameter<int> solverIterations{"Solver Iterations", 200, this, ParameterRange::atLeast(1)};
+  // The relative residual at which iterative solvers stop is 10 to this, -38..0.
+  Parameter<int> solverToleranceLog{"Solver Tolerance (Log)", -8, this, {-38, 0}};
+  Parameter<bool> reuseSolution{"Re-Use Solution", false, this};  // warm start from the last solve
+  Parameter<bool> propagateUp{"Propagate Up", true, this};  // upsample the result to full size
+  // Finest level computed, counted from 1; above the levels made, the coarsest one is computed.
+  Parameter<int> minLevel{"Min Level", 1, this, ParameterRange::atLeast(1)};
+  // Pyramid levels requested, at least 1; small images get fewer.
+  Parameter<int> numLevels{"Num Levels", 1, this, ParameterRange::atLeast(1)};
 
  private:
   SharedImage* image_;

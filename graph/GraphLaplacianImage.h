@@ -21,6 +21,7 @@ class GraphLaplacianImage : public GraphLaplacian {
   virtual void generateGraph3D(SharedImage* image);
   void generateSeeds(TypedImage<unsigned char>* labels);
 
+  // Unlabelled nodes on the image border become background seeds.
   Parameter<bool> imageEdgesAsBackground{"Image Edges as Background", false, this};
 
  protected:
@@ -39,7 +40,9 @@ class GraphLaplacianImageAttenuation : public GraphLaplacianImage {
  public:
   void generateGraph2D(SharedImage* image) override;
 
+  // Added to the intensity difference of every horizontal edge, in intensity units.
   Parameter<double> horizontalPenalty{"Horizontal penalty", 0.04, this};
+  // Rate of the attenuation along the rows, per image height.
   Parameter<double> verticalPenalty{"Vertical penalty", 2.0, this};
 };
 

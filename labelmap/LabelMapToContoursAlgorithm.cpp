@@ -144,6 +144,7 @@ void LabelMapToContoursAlgorithm::compute() {
   annotations_.clear();
   clone_.reset();
   setStatus(statusError);
+  if (!validateParameters(kCategory)) return;
   if (!labelMap_ || labelMap_->empty()) {
     LOG_ERROR(kCategory, "No label map.");
     setStatus(statusInvalidInput);

@@ -10,6 +10,7 @@
 
 #include "ImageComponents.h"
 #include "LabelDataComponent.h"
+#include "LabelMap.h"
 #include "Log.h"
 #include "SharedImageSet.h"
 
@@ -54,7 +55,6 @@ LabelStatisticsAlgorithm::LabelStatisticsAlgorithm(const SharedImageSet* image,
   csvPath.setAttribute("type", "SaveFile");
   csvPath.setAttribute("filter", "CSV Files (*.csv);;Text files (*.txt)");
   floatPrecision.setLabel("Float Precision");
-  floatPrecision.setRange(0, 17);
   floatFormatting.setLabel("Float Formatting");
   floatFormatting.setAttribute("values", "Default, Fixed, Scientific");
   if (labelMaps_.empty()) labelMaps_.push_back(nullptr);
@@ -116,8 +116,16 @@ std::optional<Seg::LabelStatisticsRecord> LabelStatisticsAlgorithm::statistics(i
 void LabelStatisticsAlgorithm::compute() {
   statistics_.clear();
   csv_.clear();
+  if (!validateParameters(kCategory)) return;
   if (!inputValid()) {
     LOG_ERROR(kCategory, "The label maps do not match the image in size and spacing");
+    setStatus(statusInvalidInput);
+    return;
+  }
+  for (const SharedImageSet* lm : labelMaps_) {
+    if (!lm || Seg::overlapsInWorld(*image_->get(-1), *lm->get(-1))) continue;
+    LOG_ERROR(kCategory, "The label map " << lm->name() << " lies outside the image in world space: "
+                                          << Seg::describeWorldExtents(*image_->get(-1), *lm->get(-1)));
     setStatus(statusInvalidInput);
     return;
   }

@@ -37,8 +37,8 @@ class LabelStatisticsAlgorithm : public Algorithm {
                                       const std::vector<std::string>& header);
 
   Parameter<std::string> csvPath{"csvPath", "", this};
-  Parameter<int> floatPrecision{"floatPrecision", 6, this};  // digits, 0 to 17
-  Parameter<int> floatFormatting{"floatFormatting", 0, this};  // 0 stream default, 1 fixed, 2 scientific
+  Parameter<int> floatPrecision{"floatPrecision", 6, this, {0, 17}};  // digits
+  Parameter<int> floatFormatting{"floatFormatting", 0, this, {0, 2}};  // 0 stream default, 1 fixed, 2 scientific
   Parameter<bool> useGPU{"useGPU", false, this};
 
  private:

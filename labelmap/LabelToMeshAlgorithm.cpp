@@ -233,15 +233,11 @@ std::unique_ptr<Mesh> LabelToMeshAlgorithm::extractMesh(const MemImage* image, f
 void LabelToMeshAlgorithm::compute() {
   meshes_.clear();
   setStatus(statusError);
+  if (!validateParameters(kCategory)) return;
   const SharedImage* frame = image_ ? image_->get() : nullptr;
   const MemImage* mem = frame ? frame->mem() : nullptr;
   if (!mem || mem->dimension() != 3) {
     LOG_ERROR(kCategory, "The input is not a volume.");
-    setStatus(statusInvalidInput);
-    return;
-  }
-  if (smoothing < 0) {
-    LOG_ERROR(kCategory, "Smoothing must not be negative, got " << smoothing.value() << ".");
     setStatus(statusInvalidInput);
     return;
   }

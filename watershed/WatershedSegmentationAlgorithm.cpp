@@ -1,9 +1,11 @@
 #include "WatershedSegmentationAlgorithm.h"
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 
 #include "ImageComponents.h"
+#include "LabelMap.h"
 #include "Log.h"
 #include "SharedImageSet.h"
 #include "Watershed.h"
@@ -86,6 +88,7 @@ void WatershedSegmentationAlgorithm::compute() {
 }
 
 void WatershedSegmentationAlgorithm::computeFocused() {
+  if (!validateParameters(kCategory)) return;
   if (!image_ || !labelMap_) {
     LOG_ERROR(kCategory, "Image or label map missing");
     setStatus(statusInvalidInput);
@@ -108,6 +111,20 @@ void WatershedSegmentationAlgorithm::computeFocused() {
   auto* seeds = dynamic_cast<TypedImage<unsigned char>*>(labelMap_->mem(focus));
   if (!seeds) {
     LOG_ERROR(kCategory, "Label map has no U8 frame " << focus);
+    setStatus(statusInvalidInput);
+    return;
+  }
+  if (!Seg::overlapsInWorld(*image_->get(focus), *labelMap_->get(focus))) {
+    LOG_ERROR(kCategory, "The label map lies outside the image in world space: "
+                             << Seg::describeWorldExtents(*image_->get(focus), *labelMap_->get(focus)));
+    setStatus(statusInvalidInput);
+    return;
+  }
+  // Without a marker the flooding would end with every voxel at 0.
+  const unsigned char* s = seeds->pointer();
+  const size_t n = seeds->descriptor().elementCount();
+  if (std::none_of(s, s + n, [](unsigned char v) { return v >= 1 && v <= 253; })) {
+    LOG_ERROR(kCategory, "The label map holds no marker (a label from 1 to 253) to flood from");
     setStatus(statusInvalidInput);
     return;
   }

@@ -1,7 +1,9 @@
 #pragma once
 // Base of every algorithm: configured through Properties, computed on the caller's thread,
 // reporting by status code, giving its results once through takeOutput().
+#include <initializer_list>
 #include <string>
+#include <string_view>
 
 #include "Configurable.h"
 #include "Data.h"
@@ -45,12 +47,19 @@ class Algorithm : public Configurable {
   const FactoryInfo& factoryInfo() const { return factoryInfo_; }
   // Applies the saved defaults of this algorithm's factory name, if any were stored.
   void loadDefaults();
+  // The parameter of that key, including those of parts the algorithm configures (its graph);
+  // null when there is none.
+  virtual ParameterBase* findParameter(std::string_view key) const { return parameter(key); }
 
   // Emitted at the end of a successful compute() by algorithms whose results change in place.
   Signal<> signalOutputChanged;
 
  protected:
   void setStatus(int status) { status_ = status; }
+  // The one check of settings at the start of compute(): every registered parameter, and those
+  // of `parts`, against its declared range. At the first bad value, logs "KEY must lie in
+  // LO..HI, not VALUE" at error level in `category`, sets statusInvalidInput and returns false.
+  bool validateParameters(const char* category, std::initializer_list<const Configurable*> parts = {});
 
   Progress* progress_ = nullptr;
   FactoryInfo factoryInfo_;

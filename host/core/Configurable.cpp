@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "InputChecks.h"
 #include "Parameter.h"
 
 namespace Merivane {
@@ -61,6 +62,18 @@ void ParameterBase::writeCommon(Properties* properties) const {
 
 void ParameterBase::logDeprecated(const std::string& oldName) const {
   LOG_WARN("Core.Parameter", "Using deprecated parameter name '" << oldName << "'. Please use: '" << name_ << "' instead.");
+}
+
+void ParameterBase::logUnreadable(const std::string& key, const std::string& text) const {
+  LOG_WARN("Core.Parameter", "'" << key << "' cannot be read from '" << excerpt(text) << "'; keeping " << this->text());
+}
+
+std::string ParameterRange::describe() const {
+  const bool lo = std::isfinite(min), hi = std::isfinite(max);
+  if (lo && hi) return "must lie in " + PropertiesDetail::toText(min) + ".." + PropertiesDetail::toText(max);
+  if (lo) return "must be at least " + PropertiesDetail::toText(min);
+  if (hi) return "must be at most " + PropertiesDetail::toText(max);
+  return "must be a finite number";
 }
 
 }  // namespace Merivane

@@ -1,7 +1,11 @@
 #pragma once
 // A named setting registered with its owner:
 //     Parameter<int> iterations{"Solver Iterations", 200, this};
-// Assigning emits `changed` only when the value differs.
+// Assigning emits `changed` only when the value differs. Numeric parameters may declare the
+// values compute() accepts:
+//     Parameter<int> numLevels{"Num Levels", 4, this, ParameterRange::atLeast(1)};
+#include <cmath>
+#include <limits>
 #include <map>
 #include <string>
 #include <type_traits>
@@ -13,6 +17,18 @@
 #include "Signal.h"
 
 namespace Merivane {
+
+// Inclusive bounds of a numeric parameter. Floating-point parameters refuse NaN and infinity
+// whether or not bounds are declared.
+struct ParameterRange {
+  double min = -std::numeric_limits<double>::infinity();
+  double max = std::numeric_limits<double>::infinity();
+  static ParameterRange atLeast(double lo) { return {lo, std::numeric_limits<double>::infinity()}; }
+  static ParameterRange atMost(double hi) { return {-std::numeric_limits<double>::infinity(), hi}; }
+  bool contains(double v) const { return v >= min && v <= max; }
+  // "must lie in 1..7", "must be at least 0", "must be at most 0", "must be a finite number".
+  std::string describe() const;
+};
 
 class ParameterBase {
  public:
@@ -28,6 +44,10 @@ class ParameterBase {
   virtual void reset() = 0;
   // The current value as it would be written to Properties.
   virtual std::string text() const = 0;
+  // Whether `text` reads as a value of this parameter's type.
+  virtual bool canRead(const std::string& text) const = 0;
+  // Why the current value is unusable ("must lie in 1..7"); empty when it is fine.
+  virtual std::string rangeError() const { return {}; }
 
   void setLabel(std::string label) { label_ = std::move(label); }
   const std::string& label() const { return label_; }
@@ -44,6 +64,7 @@ class ParameterBase {
   friend class Configurable;
   void writeCommon(Properties* properties) const;
   void logDeprecated(const std::string& oldName) const;
+  void logUnreadable(const std::string& key, const std::string& text) const;
 
   std::string name_;
   std::string label_;
@@ -57,6 +78,13 @@ class Parameter : public ParameterBase {
  public:
   Parameter(std::string name, T defaultValue, Configurable* owner)
       : ParameterBase(std::move(name), owner), value_(defaultValue), default_(std::move(defaultValue)) {}
+  Parameter(std::string name, T defaultValue, Configurable* owner, ParameterRange range)
+    requires(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>)
+      : Parameter(std::move(name), std::move(defaultValue), owner) {
+    range_ = range;
+    if (std::isfinite(range.min)) attributes_["min"] = PropertiesDetail::toText(range.min);
+    if (std::isfinite(range.max)) attributes_["max"] = PropertiesDetail::toText(range.max);
+  }
 
   const T& value() const { return value_; }
   operator const T&() const { return value_; }
@@ -88,17 +116,26 @@ class Parameter : public ParameterBase {
 
   void reset() override { setValue(default_); }
   std::string text() const override { return PropertiesDetail::Codec<T>::toText(value_); }
+  bool canRead(const std::string& text) const override {
+    T v = value_;
+    return PropertiesDetail::Codec<T>::fromText(text, v);
+  }
+  std::string rangeError() const override {
+    if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool>) {
+      const double v = static_cast<double>(value_);
+      if (std::is_floating_point_v<T> && !std::isfinite(v)) return range_.describe();
+      if (!range_.contains(v)) return range_.describe();
+    }
+    return {};
+  }
+  const ParameterRange& range() const { return range_; }
 
+  // A text that does not read as a T keeps the value, with a warning.
   void configure(const Properties* properties) override {
     if (!properties) return;
-    T v = value_;
-    if (properties->param(name_, v)) {
-      setValue(v);
-      return;
-    }
+    if (readKey(*properties, name_)) return;
     for (const auto& old : deprecatedNames_) {
-      if (properties->param(old, v)) {
-        setValue(v);
+      if (readKey(*properties, old)) {
         logDeprecated(old);
         return;
       }
@@ -116,6 +153,19 @@ class Parameter : public ParameterBase {
   }
 
  private:
+  bool readKey(const Properties& properties, const std::string& key) {
+    const std::string* raw = properties.rawParam(key);
+    if (!raw) return false;
+    T v = value_;
+    if (!PropertiesDetail::Codec<T>::fromText(*raw, v)) {
+      logUnreadable(key, *raw);
+      return false;
+    }
+    setValue(v);
+    return true;
+  }
+
+  ParameterRange range_;
   T value_;
   T default_;
   bool passDefault_ = true;

@@ -1,6 +1,8 @@
 #include "LabelMap.h"
 
 #include <algorithm>
+#include <array>
+#include <sstream>
 #include <chrono>
 #include <ctime>
 
@@ -92,6 +94,52 @@ void ensureCompatibleLabelMap(const SharedImageSet& image, SharedImageSet& label
     *target = *info;
     target->date = date;
   }
+}
+
+namespace {
+
+struct WorldBox {
+  std::array<double, 3> min, max;
+};
+
+WorldBox worldBox(const SharedImage& frame) {
+  const Eigen::Vector3i d = frame.descriptor().dimensions;
+  WorldBox box{};
+  for (int corner = 0; corner < 8; ++corner) {
+    const Eigen::Vector3d v((corner & 1) ? d[0] - 0.5 : -0.5, (corner & 2) ? d[1] - 0.5 : -0.5,
+                            (corner & 4) ? d[2] - 0.5 : -0.5);
+    const Eigen::Vector3d w = frame.pixelToWorld(v);
+    for (int k = 0; k < 3; ++k) {
+      box.min[k] = corner ? std::min(box.min[k], w[k]) : w[k];
+      box.max[k] = corner ? std::max(box.max[k], w[k]) : w[k];
+    }
+  }
+  return box;
+}
+
+std::string extent(const WorldBox& b) {
+  std::ostringstream s;
+  s.precision(4);
+  s << "x " << b.min[0] << ".." << b.max[0] << ", y " << b.min[1] << ".." << b.max[1] << ", z " << b.min[2] << ".."
+    << b.max[2] << " mm";
+  return s.str();
+}
+
+}  // namespace
+
+bool overlapsInWorld(const SharedImage& image, const SharedImage& labels) {
+  const WorldBox a = worldBox(image), b = worldBox(labels);
+  for (int k = 0; k < 3; ++k) {
+    // Boxes that only touch share no voxel; a thousandth of a voxel absorbs rounding.
+    const double slack = 1e-3 * std::max(a.max[k] - a.min[k], b.max[k] - b.min[k]) /
+                         std::max(1, image.descriptor().dimensions[k]);
+    if (std::min(a.max[k], b.max[k]) - std::max(a.min[k], b.min[k]) <= slack) return false;
+  }
+  return true;
+}
+
+std::string describeWorldExtents(const SharedImage& image, const SharedImage& labels) {
+  return "label map spans " + extent(worldBox(labels)) + ", the image " + extent(worldBox(image));
 }
 
 }  // namespace Merivane::Seg

@@ -2,8 +2,10 @@
 // Label-map conventions: a label map is a set of modality LABEL with U8 frames of one
 // channel, matching its image frame by frame in dimensions, spacing and matrix.
 #include <memory>
+#include <string>
 
 namespace Merivane {
+class SharedImage;
 class SharedImageSet;
 }
 
@@ -31,5 +33,13 @@ std::unique_ptr<SharedImageSet> createCompatibleLabelMap(const SharedImageSet& i
 // Brings an existing label map into line with `image`: row order, frame count, modality,
 // spacing, matrix and patient information.
 void ensureCompatibleLabelMap(const SharedImageSet& image, SharedImageSet& labelMap);
+
+// Whether the world boxes of two frames (voxel edges included) share some volume. A label map
+// that shares none with its image holds no seed of it, whatever its grid.
+bool overlapsInWorld(const SharedImage& image, const SharedImage& labels);
+
+// "label map spans x0..x1, y0..y1, z0..z1 mm, the image x0..x1, ... mm", for the line that
+// refuses such a pair.
+std::string describeWorldExtents(const SharedImage& image, const SharedImage& labels);
 
 }  // namespace Merivane::Seg

@@ -160,7 +160,23 @@ const Failure kFailures[] = {
     {"BadSetting", "run LabelStatistics --in {DIR}/image.nrrd --set floatPrecision --out {DIR}/out", 2, "KEY=VALUE"},
     {"AlgorithmStatus",
      "run GraphBasedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/seeds.nrrd --set \"Solver ID=8\" --out {DIR}/out",
-     1, "failed with status 1 (error): Seg.GraphLaplacianAlgorithm: Incorrect solver ID"},
+     1, "failed with status 2 (invalid input): Seg.GraphBasedSegmentation: Solver ID must lie in 0..7, not 8"},
+    {"UnreadableSetting",
+     "run GraphBasedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/seeds.nrrd --set \"Solver ID=abc\" --out {DIR}/out",
+     2, "'Solver ID' cannot be read from 'abc'; nothing was run"},
+    {"UnreadableFlag",
+     "run GraphBasedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/seeds.nrrd --set \"Export Probability=maybe\" "
+     "--out {DIR}/out",
+     2, "'Export Probability' cannot be read from 'maybe'"},
+    {"SettingOutOfRange",
+     "run GraphBasedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/seeds.nrrd --set \"Num Levels=-3\" --out {DIR}/out",
+     1, "failed with status 2 (invalid input): Seg.GraphBasedSegmentation: Num Levels must be at least 1, not -3"},
+    {"NanLabels", "run GraphBasedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/nan.nrrd --out {DIR}/out", 3,
+     "not whole numbers cannot be labels"},
+    {"SeedsFarAway", "run GraphBasedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/far.nrrd --out {DIR}/out", 1,
+     "status 2 (invalid input): Seg.GraphBasedSegmentation: The label map lies outside the image in world space"},
+    {"WatershedWithoutMarkers", "run WatershedSegmentation --in {DIR}/image.nrrd --in-labels {DIR}/empty.nrrd --out {DIR}/out",
+     1, "status 2 (invalid input): Seg.WatershedSegmentationAlgorithm: The label map holds no marker"},
     {"UnknownCommand", "frobnicate", 2, "unknown command 'frobnicate'"},
     {"BadFormat", "run MakeCompatibleLabelMap --in {DIR}/image.nrrd --format tiff --out {DIR}/out", 2,
      "unknown image format '.tiff'"},
@@ -185,6 +201,18 @@ TEST_P(MerivaneCliFailure, ExitsNonZeroWithTheReasonOnStderr) {
     ASSERT_TRUE(image && IO::writeImage(*image, dir.file("raw.nrrd"), &error, raw)) << error;
     const std::string bytes = TestKit::readBytes(dir.file("raw.nrrd"));
     TestKit::writeBytes(dir.file("cut.nrrd"), bytes.substr(0, bytes.size() - 100));
+
+    auto seeds = IO::readImage(dir.file("seeds.nrrd"), &error);
+    ASSERT_TRUE(seeds) << error;
+    Eigen::Matrix4d far = obliqueMatrix();
+    far(0, 3) += 100.0;
+    seeds->get(0)->setMatrix(far);
+    ASSERT_TRUE(IO::writeImage(*seeds, dir.file("far.nrrd"), &error)) << error;
+    seeds->get(0)->setMatrix(obliqueMatrix());
+    dynamic_cast<TypedImage<unsigned char>*>(seeds->mem(0))->fill(0);
+    ASSERT_TRUE(IO::writeImage(*seeds, dir.file("empty.nrrd"), &error)) << error;
+    auto nan = TestKit::makeImage<float>({20, 16, 6}, [](int x, int, int) { return x == 0 ? NAN : 0.0f; });
+    ASSERT_TRUE(IO::writeImage(*nan, dir.file("nan.nrrd"), &error)) << error;
   }
   {
     // The nesting that once overflowed the stack of the configuration reader.

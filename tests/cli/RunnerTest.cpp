@@ -65,8 +65,8 @@ TEST_F(RunnerTest, UnknownSettingIsReportedAndStatusFailureNamesTheLogLine) {
   const auto r = Cli::runOnData(options, DataList{image.get(), seeds.get()}, {}, nullptr, nullptr);
   EXPECT_TRUE(log.contains("has no parameter 'Solver Idd'"));
   EXPECT_EQ(r.exitCode, Cli::exitAlgorithmFailed);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.message.find("Incorrect solver ID"), std::string::npos) << r.message;
+  EXPECT_EQ(r.status, Algorithm::statusInvalidInput);
+  EXPECT_NE(r.message.find("Solver ID must lie in 0..7, not 8"), std::string::npos) << r.message;
 }
 
 // Must stay the last test of this program: the Ctrl-C flag is not reset.

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "Algorithm.h"
 #include "Log.h"
 #include "Parameter.h"
 #include "TestSupport.h"
@@ -25,7 +26,7 @@ struct ConfigureCase {
   const char* what;
   Properties input;
   int expected;
-  int warnings;
+  const char* warning;  // the one warning expected, or null
 };
 
 class ParameterConfigure : public testing::TestWithParam<ConfigureCase> {};
@@ -36,22 +37,28 @@ TEST_P(ParameterConfigure, ReadsCurrentOrDeprecatedKey) {
   o.configure(&GetParam().input);
   EXPECT_EQ(o.iterations.value(), GetParam().expected);
   EXPECT_EQ(o.changes, GetParam().expected == 200 ? 0 : 1);
-  ASSERT_EQ(static_cast<int>(log.lines().size()), GetParam().warnings);
-  if (GetParam().warnings) {
+  ASSERT_EQ(log.lines().size(), GetParam().warning ? 1u : 0u);
+  if (GetParam().warning) {
     EXPECT_EQ(log.lines()[0].level, Log::Warning);
     EXPECT_EQ(log.lines()[0].category, "Core.Parameter");
-    EXPECT_EQ(log.lines()[0].message, "Using deprecated parameter name 'Old Iterations'. Please use: 'Iterations' instead.");
+    EXPECT_EQ(log.lines()[0].message, GetParam().warning);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, ParameterConfigure,
-    testing::Values(ConfigureCase{"current", {{"Iterations", "12"}, {"Unrelated", "x"}}, 12, 0},
-                    ConfigureCase{"deprecated", {{"Old Iterations", "33"}}, 33, 1},
-                    // The old key first, so that reading in file order would pick it.
-                    ConfigureCase{"both", {{"Old Iterations", "33"}, {"Iterations", "44"}}, 44, 0},
-                    ConfigureCase{"unreadable", {{"Iterations", "many"}}, 200, 0},
-                    ConfigureCase{"sameValue", {{"Iterations", "200"}}, 200, 0}),
+    testing::Values(
+        ConfigureCase{"current", {{"Iterations", "12"}, {"Unrelated", "x"}}, 12, nullptr},
+        ConfigureCase{"deprecated", {{"Old Iterations", "33"}}, 33,
+                      "Using deprecated parameter name 'Old Iterations'. Please use: 'Iterations' instead."},
+        // The old key first, so that reading in file order would pick it.
+        ConfigureCase{"both", {{"Old Iterations", "33"}, {"Iterations", "44"}}, 44, nullptr},
+        ConfigureCase{"unreadable", {{"Iterations", "many"}}, 200, "'Iterations' cannot be read from 'many'; keeping 200"},
+        ConfigureCase{"unreadableOldKey", {{"Old Iterations", "3 4"}}, 200,
+                      "'Old Iterations' cannot be read from '3 4'; keeping 200"},
+        ConfigureCase{"beyondInt", {{"Iterations", "99999999999"}}, 200,
+                      "'Iterations' cannot be read from '99999999999'; keeping 200"},
+        ConfigureCase{"sameValue", {{"Iterations", "200"}}, 200, nullptr}),
     [](const auto& info) { return std::string(info.param.what); });
 
 TEST(Parameter, NullConfigurationDoesNothing) {
@@ -127,6 +134,109 @@ TEST(Parameter, DestroyedParameterLeavesItsOwnersList) {
   Properties out;
   owner.configuration(&out);
   EXPECT_EQ(out.paramKeys(), std::vector<std::string>{"stays"});
+}
+
+// Ranges as the algorithms declare them: closed, open above, and none (finite only).
+struct Ranged : Algorithm {
+  Parameter<int> levels{"Num Levels", 4, this, ParameterRange::atLeast(1)};
+  Parameter<unsigned short> solver{"Solver ID", 4, this, {0, 7}};
+  Parameter<double> tolerance{"Solver Tolerance", 1e-5, this, {1e-38, 1}};
+  Parameter<float> weight{"Weight", 1.0f, this};
+  Parameter<bool> flag{"Flag", false, this};
+  Parameter<std::string> path{"Path", "", this};
+  void compute() override {
+    if (!validateParameters("Test.Ranged")) return;
+    setStatus(statusSuccess);
+  }
+};
+
+struct RangeCase {
+  const char* key;
+  const char* text;
+  const char* error;  // the one error line, or null when the value is accepted
+};
+
+void PrintTo(const RangeCase& c, std::ostream* os) { *os << c.key << "=" << c.text; }
+
+class ParameterRangeCheck : public testing::TestWithParam<RangeCase> {};
+
+TEST_P(ParameterRangeCheck, OutOfRangeGivesInvalidInputAndOneLineNamingKeyAndValue) {
+  TestKit::LogCapture log;
+  Ranged a;
+  Properties p{{GetParam().key, GetParam().text}};
+  a.configure(&p);
+  ASSERT_EQ(log.lines().size(), 0u) << "the text itself reads";
+  a.compute();
+  if (!GetParam().error) {
+    EXPECT_EQ(a.status(), Algorithm::statusSuccess);
+    EXPECT_EQ(log.lines().size(), 0u);
+    return;
+  }
+  EXPECT_EQ(a.status(), Algorithm::statusInvalidInput);
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].level, Log::Error);
+  EXPECT_EQ(log.lines()[0].category, "Test.Ranged");
+  EXPECT_EQ(log.lines()[0].message, GetParam().error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Bounds, ParameterRangeCheck,
+    testing::Values(RangeCase{"Num Levels", "1", nullptr}, RangeCase{"Num Levels", "1000000", nullptr},
+                    RangeCase{"Num Levels", "0", "Num Levels must be at least 1, not 0"},
+                    RangeCase{"Num Levels", "-3", "Num Levels must be at least 1, not -3"},
+                    RangeCase{"Solver ID", "0", nullptr}, RangeCase{"Solver ID", "7", nullptr},
+                    RangeCase{"Solver ID", "8", "Solver ID must lie in 0..7, not 8"},
+                    RangeCase{"Solver Tolerance", "1", nullptr}, RangeCase{"Solver Tolerance", "1e-38", nullptr},
+                    RangeCase{"Solver Tolerance", "0", "Solver Tolerance must lie in 1e-38..1, not 0"},
+                    RangeCase{"Solver Tolerance", "1.5", "Solver Tolerance must lie in 1e-38..1, not 1.5"},
+                    RangeCase{"Solver Tolerance", "nan", "Solver Tolerance must lie in 1e-38..1, not nan"},
+                    RangeCase{"Weight", "-5", nullptr},
+                    RangeCase{"Weight", "nan", "Weight must be a finite number, not nan"},
+                    RangeCase{"Weight", "-inf", "Weight must be a finite number, not -inf"},
+                    RangeCase{"Flag", "true", nullptr}, RangeCase{"Path", "nan", nullptr}),
+    [](const auto& info) {
+      std::string n = std::string(info.param.key) + "_" + info.param.text;
+      for (char& c : n)
+        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+      return n;
+    });
+
+TEST(Parameter, OnlyTheFirstBadValueIsReported) {
+  TestKit::LogCapture log;
+  Ranged a;
+  a.levels = 0;
+  a.solver = 9;
+  a.compute();
+  EXPECT_EQ(a.status(), Algorithm::statusInvalidInput);
+  EXPECT_EQ(log.count(Log::Error), 1);
+}
+
+TEST(Parameter, UnreadableTextKeepsTheValueWithOneWarningPerKey) {
+  TestKit::LogCapture log;
+  Ranged a;
+  Properties p{{"Solver ID", "abc"}, {"Flag", "maybe"}, {"Num Levels", "2"}, {"Solver Tolerance", ""}};
+  a.configure(&p);
+  EXPECT_EQ(a.solver.value(), 4);
+  EXPECT_FALSE(a.flag.value());
+  EXPECT_EQ(a.levels.value(), 2);
+  EXPECT_EQ(a.tolerance.value(), 1e-5);
+  EXPECT_EQ(log.count(Log::Warning, "Core.Parameter"), 3);
+  EXPECT_TRUE(log.contains("'Solver ID' cannot be read from 'abc'; keeping 4"));
+  EXPECT_TRUE(log.contains("'Flag' cannot be read from 'maybe'; keeping false"));
+  EXPECT_TRUE(a.solver.canRead("7"));
+  EXPECT_FALSE(a.solver.canRead("-1"));
+  EXPECT_FALSE(a.flag.canRead("maybe"));
+}
+
+TEST(Parameter, DeclaredRangeIsWrittenAsMinAndMaxAttributes) {
+  Ranged a;
+  Properties p;
+  a.configuration(&p);
+  EXPECT_EQ(p.attribute("Solver ID", "min"), "0");
+  EXPECT_EQ(p.attribute("Solver ID", "max"), "7");
+  EXPECT_EQ(p.attribute("Num Levels", "min"), "1");
+  EXPECT_EQ(p.attribute("Num Levels", "max"), "");
+  EXPECT_EQ(p.attribute("Weight", "min"), "");
 }
 
 // Under a sanitizer, a parameter reaching back to its dead owner fails here.

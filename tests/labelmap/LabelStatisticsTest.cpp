@@ -115,11 +115,11 @@ TEST(LabelStatistics, FormattingFollowsPrecisionAndFlags) {
   EXPECT_NE(stats(a).csv().find("organs/Liver;0.0e+00;1.1e+01;5.5e+00"), std::string::npos) << stats(a).csv();
 }
 
-// Every precision and formatting value is taken; the numbers read as a stream with that
+// Precision 0..17 and formatting 0..2 are taken; the numbers read as a stream with that
 // precision and, for 1 and 2 only, the fixed or scientific flag prints them.
 class LabelStatisticsFormatting : public testing::TestWithParam<std::tuple<int, int>> {};
 
-TEST_P(LabelStatisticsFormatting, AnyValueIsAcceptedAndPassedToTheStream) {
+TEST_P(LabelStatisticsFormatting, ValueInRangeIsPassedToTheStream) {
   const auto [precision, formatting] = GetParam();
   Phantom p;
   auto a = p.create();
@@ -145,8 +145,33 @@ TEST_P(LabelStatisticsFormatting, AnyValueIsAcceptedAndPassedToTheStream) {
 }
 
 INSTANTIATE_TEST_SUITE_P(PrecisionAndFormatting, LabelStatisticsFormatting,
-                         testing::Values(std::tuple{6, 0}, std::tuple{0, 0}, std::tuple{17, 1}, std::tuple{20, 2},
-                                         std::tuple{-1, 0}, std::tuple{3, 3}, std::tuple{4, -1}));
+                         testing::Values(std::tuple{6, 0}, std::tuple{0, 0}, std::tuple{17, 1}, std::tuple{17, 2}));
+
+class LabelStatisticsBadFormatting
+    : public testing::TestWithParam<std::tuple<const char*, int, const char*>> {};
+
+TEST_P(LabelStatisticsBadFormatting, OutOfRangeIsInvalidInputWithNoTable) {
+  const auto [key, value, message] = GetParam();
+  Phantom p;
+  auto a = p.create();
+  Properties config;
+  config.setParam(key, value);
+  a->configure(&config);
+  TestKit::LogCapture log;
+  a->compute();
+  EXPECT_EQ(a->status(), Algorithm::statusInvalidInput);
+  EXPECT_TRUE(stats(a).csv().empty());
+  ASSERT_EQ(log.count(Log::Error), 1);
+  EXPECT_EQ(log.lines()[0].category, "Seg.LabelStatisticsAlgorithm");
+  EXPECT_EQ(log.lines()[0].message, message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ranges, LabelStatisticsBadFormatting,
+    testing::Values(std::tuple{"floatPrecision", 18, "floatPrecision must lie in 0..17, not 18"},
+                    std::tuple{"floatPrecision", -1, "floatPrecision must lie in 0..17, not -1"},
+                    std::tuple{"floatFormatting", 3, "floatFormatting must lie in 0..2, not 3"},
+                    std::tuple{"floatFormatting", -1, "floatFormatting must lie in 0..2, not -1"}));
 
 TEST(LabelStatistics, RealWorldMappingIsOfferedAndApplied) {
   Phantom p;

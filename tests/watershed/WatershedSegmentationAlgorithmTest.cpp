@@ -138,3 +138,45 @@ INSTANTIATE_TEST_SUITE_P(Cases, WatershedSegmentationFailure,
                                          std::tuple("CancelledCaller", Algorithm::statusUnknown, "cancelled"),
                                          std::tuple("SpacingNoLongerMatches", Algorithm::statusUnknown,
                                                     "do not match")));
+
+TEST(WatershedSegmentationAlgorithm, NoMarkerIsInvalidInputWithOneLineAndNothingChanged) {
+  Scene s;
+  s.frame(1)->fill(0);
+  s.frame(1)->setValue(254, 3, 1);  // queued and outline values are no markers
+  s.frame(1)->setValue(255, 4, 1);
+  auto a = s.create();
+  TestKit::LogCapture log;
+  a->compute();
+  EXPECT_EQ(a->status(), Algorithm::statusInvalidInput);
+  ASSERT_EQ(log.count(Log::Error), 1);
+  EXPECT_EQ(log.lines()[0].category, kCategory);
+  EXPECT_NE(log.lines()[0].message.find("no marker"), std::string::npos) << log.lines()[0].message;
+  EXPECT_EQ(s.frame(1)->value(3, 1), 254);
+  EXPECT_EQ(s.frame(1)->value(0, 0), 0);
+  EXPECT_EQ(a->takeOutput().size(), 0);
+}
+
+// The 9 mm wide label map moved along x: it must share some volume with the image.
+class WatershedLabelMapPlacement : public testing::TestWithParam<std::tuple<double, int>> {};
+
+TEST_P(WatershedLabelMapPlacement, LabelMapOutsideTheImageInWorldIsRefused) {
+  const auto [shift, status] = GetParam();
+  Scene s;
+  Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
+  m(0, 3) = shift;
+  s.labels->get(1)->setMatrix(m);
+  auto a = s.create();
+  TestKit::LogCapture log;
+  a->compute();
+  EXPECT_EQ(a->status(), status);
+  if (status == Algorithm::statusSuccess) return;
+  ASSERT_EQ(log.count(Log::Error), 1);
+  EXPECT_NE(log.lines()[0].message.find("outside the image in world space"), std::string::npos);
+  EXPECT_EQ(s.frame(1)->value(0, 1), 0) << "the seeds stay as they were";
+}
+
+INSTANTIATE_TEST_SUITE_P(Shifts, WatershedLabelMapPlacement,
+                         testing::Values(std::tuple{8.0, int(Algorithm::statusSuccess)},
+                                         std::tuple{-8.0, int(Algorithm::statusSuccess)},
+                                         std::tuple{9.0, int(Algorithm::statusInvalidInput)},
+                                         std::tuple{-100.0, int(Algorithm::statusInvalidInput)}));
