@@ -25,6 +25,9 @@ import argparse, os, re, statistics, subprocess, sys, tempfile, time
 
 BRAIN = "/usr/share/mricron/templates/ch2.nii.gz"
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from rw_vs_skimage import phantom  # noqa: E402  the same noisy ball and seeds
+
 
 def ensure_packages():
     try:
@@ -51,24 +54,6 @@ def brain_seeds(img):
         lab[:, :, z][wm] = 1
         lab[:, :, z][other] = 2
     return lab
-
-
-def phantom(n):
-    """Same as bench/rw_vs_skimage.py and bench/Phantoms.h."""
-    import numpy as np
-    rng = np.random.default_rng(42)
-    z, y, x = np.mgrid[0:n, 0:n, 0:n]
-    c = (n - 1) / 2
-    d = np.sqrt((x - c) ** 2 + (y - c) ** 2 + (z - c) ** 2)
-    img = (d < n * 0.3).astype(np.float32) + rng.normal(0, 0.2, (n, n, n)).astype(np.float32)
-    lab = np.zeros((n, n, n), np.uint8)
-    blob = max(2, n / 16)
-    lab[d < blob] = 1
-    for cz in (n // 8, n - 1 - n // 8):
-        for cy in (n // 8, n - 1 - n // 8):
-            for cx in (n // 8, n - 1 - n // 8):
-                lab[np.sqrt((x - cx) ** 2 + (y - cy) ** 2 + (z - cz) ** 2) < blob] = 2
-    return img, lab
 
 
 def timed(cmd, env=None):
@@ -126,7 +111,7 @@ def main():
         repeat = args.repeat or 1
     else:
         n = args.size
-        img, lab = phantom(n)
+        img, lab, _ = phantom(n)
         # x fastest on disk: numpy's (z, y, x) array is NIfTI's (x, y, z) after a transpose.
         img, lab = img.transpose(2, 1, 0), lab.transpose(2, 1, 0)
         nii = nib.Nifti1Image(np.ascontiguousarray(img), np.eye(4))

@@ -63,6 +63,34 @@ struct Criterion {
   }
 };
 
+// r = b - A x, and a copy in r0 when given, with |r|^2, |b|^2 and |x|^2.
+template <typename S>
+std::array<double, 3> residual(const Matrix& A, const S* b, const S* x, S* r, S* r0,
+                               std::vector<std::array<double, 3>>& partial) {
+  return blockSums<3>(A.n, partial, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 3>& s) {
+    for (ptrdiff_t i = i0; i < i1; ++i) {
+      const S ri = b[i] - rowTimes(A, i, x);
+      r[i] = ri;
+      if (r0) r0[i] = ri;
+      s[0] += static_cast<double>(ri) * ri;
+      s[1] += static_cast<double>(b[i]) * b[i];
+      s[2] += static_cast<double>(x[i]) * x[i];
+    }
+  });
+}
+
+// Judges the initial guess; true when the solve is over before it starts: converged already,
+// or NaN or infinity in the system or the guess.
+bool overAtStart(Outcome& out, const Criterion& crit, double rr, double xx) {
+  out.relativeResidual = crit.eta(rr, xx);
+  if (!std::isfinite(out.relativeResidual)) {
+    out.finite = false;
+    return true;
+  }
+  out.converged = out.relativeResidual <= crit.tolerance;
+  return out.converged;
+}
+
 }  // namespace
 
 double normInf(const Matrix& A) {
@@ -102,31 +130,10 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
       v(static_cast<size_t>(n), S(0)), y(static_cast<size_t>(n)), t(static_cast<size_t>(n));
   std::vector<S>& z = y;
 
-  // r = b - A x, with |r|^2, |b|^2 and |x|^2.
-  const auto residual = [&] {
-    return blockSums<3>(n, p3, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 3>& s) {
-      for (ptrdiff_t i = i0; i < i1; ++i) {
-        const S ri = b[i] - rowTimes(A, i, x);
-        r[static_cast<size_t>(i)] = ri;
-        r0[static_cast<size_t>(i)] = ri;
-        s[0] += static_cast<double>(ri) * ri;
-        s[1] += static_cast<double>(b[i]) * b[i];
-        s[2] += static_cast<double>(x[i]) * x[i];
-      }
-    });
-  };
-  auto [rr, bb, xx] = residual();
+  const auto trueResidual = [&] { return residual(A, b, x, r.data(), r0.data(), p3); };
+  auto [rr, bb, xx] = trueResidual();
   const Criterion crit{normInf(A), std::sqrt(bb), settings.tolerance};
-  out.relativeResidual = crit.eta(rr, xx);
-  if (!finite(out.relativeResidual) && !(crit.normB == 0 && rr == 0)) {
-    out.finite = false;
-    return out;
-  }
-  if (rr == 0 || out.relativeResidual <= settings.tolerance) {
-    out.relativeResidual = rr == 0 ? 0 : out.relativeResidual;
-    out.converged = true;
-    return out;
-  }
+  if (overAtStart(out, crit, rr, xx)) return out;
   double rho = 1, alpha = 1, w = 1, r0r = rr, r0norm2 = rr;
   int restarts = 0;
   while (out.iterations < settings.maxIterations) {
@@ -142,7 +149,7 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
         out.breakdown = true;
         break;
       }
-      const auto s = residual();
+      const auto s = trueResidual();
       r0r = r0norm2 = s[0];
       rho = alpha = w = 1;
       std::fill(p.begin(), p.end(), S(0));
@@ -212,7 +219,7 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
     if (out.relativeResidual <= settings.tolerance) {
       // The recurrence drifts from the true residual in single precision: confirm, and go on
       // from the true residual when it is not there yet.
-      const auto s = residual();
+      const auto s = trueResidual();
       out.relativeResidual = crit.eta(s[0], s[2]);
       if (out.relativeResidual <= settings.tolerance) {
         out.converged = true;
@@ -244,29 +251,10 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
   std::vector<std::array<double, 1>> p1;
   std::vector<S> r(static_cast<size_t>(n)), z(static_cast<size_t>(n)), p(static_cast<size_t>(n)),
       q(static_cast<size_t>(n));
-  const auto trueResidual = [&] {
-    return blockSums<3>(n, p3, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 3>& s) {
-      for (ptrdiff_t i = i0; i < i1; ++i) {
-        const S ri = b[i] - rowTimes(A, i, x);
-        r[static_cast<size_t>(i)] = ri;
-        s[0] += static_cast<double>(ri) * ri;
-        s[1] += static_cast<double>(b[i]) * b[i];
-        s[2] += static_cast<double>(x[i]) * x[i];
-      }
-    });
-  };
+  const auto trueResidual = [&] { return residual<S>(A, b, x, r.data(), nullptr, p3); };
   auto [rr, bb, xx] = trueResidual();
   const Criterion crit{normInf(A), std::sqrt(bb), settings.tolerance};
-  out.relativeResidual = crit.eta(rr, xx);
-  if (!finite(out.relativeResidual) && !(crit.normB == 0 && rr == 0)) {
-    out.finite = false;
-    return out;
-  }
-  if (rr == 0 || out.relativeResidual <= settings.tolerance) {
-    out.relativeResidual = rr == 0 ? 0 : out.relativeResidual;
-    out.converged = true;
-    return out;
-  }
+  if (overAtStart(out, crit, rr, xx)) return out;
   M(r.data(), z.data());
   double rz = blockSums<1>(n, p1, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 1>& s) {
     for (ptrdiff_t i = i0; i < i1; ++i) {
