@@ -280,8 +280,9 @@ void GraphBasedSegmentation::compute() {
   if (verbose) LOG_INFO(kCategory, "[GraphBasedSegmentation] Segmentation " << msSince(step) << " ms");
   auto result = output.extractFirstImage();
   if (!result || !result->get(0)) {
-    if (algorithm_->status() == statusCanceled) {
-      setStatus(statusCanceled);
+    // The inner algorithm has said what went wrong, in one line; its status stands.
+    if (algorithm_->status() != statusSuccess) {
+      setStatus(algorithm_->status());
       return;
     }
     LOG_ERROR(kCategory, "Error in graph segmentation");

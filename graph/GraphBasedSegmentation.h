@@ -62,8 +62,8 @@ class GraphBasedSegmentation : public Algorithm {
   Parameter<int> solverId{"Solver ID", 4, this, {0, 7}};
   // Limit of the iterative solvers, at least 1.
   Parameter<int> solverIterations{"Solver Iterations", 200, this, ParameterRange::atLeast(1)};
-  // Edge sharpness, at least 0: the widest intensity step of a level weighs exp(-adaptiveness).
-  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this, ParameterRange::atLeast(0)};
+  // Edge sharpness, 0..1e6: the widest intensity step of a level weighs exp(-adaptiveness).
+  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this, {0, 1e6}};
   // Relative residual at which iterative solvers stop, 1e-38..1; handed on as its base-10 log.
   Parameter<double> solverTolerance{"Solver Tolerance", 1e-5, this, {1e-38, 1}};
   // Pyramid levels requested, at least 1; small images get fewer.

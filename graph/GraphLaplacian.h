@@ -42,8 +42,9 @@ class GraphLaplacian : public Configurable {
 
   // Object label, 1..253: its seeds are fixed at 1, those of label + 1 at 0 (255 is the outline).
   Parameter<unsigned short> activeLabel{"Active Label", 1, this, {1, 253}};
-  // Edge sharpness, at least 0: the widest intensity step weighs exp(-adaptiveness).
-  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this, ParameterRange::atLeast(0)};
+  // Edge sharpness, 0..1e6: the widest intensity step weighs exp(-adaptiveness). Far above,
+  // adaptiveness / 1e-5 leaves single precision and a constant image's weights turn NaN.
+  Parameter<double> adaptiveness{"Adaptiveness", 100.0, this, {0, 1e6}};
 
  protected:
   friend class GraphLaplacianAlgorithm;  // lends the Laplacian's storage to the reduced system

@@ -44,10 +44,11 @@ bool readFileBytes(const std::string& path, std::string& out, std::string* error
 
 namespace {
 
-constexpr const char* kTemporaryMark = ".tmp";
+constexpr const char* kTemporaryMark = ".merivane-tmp";
 
 // The writing process of a temporary name made by temporaryPathFor, or 0 when `name` is not
-// one: "." STEM ".tmp" PID "-" COUNTER EXTENSIONS.
+// one: "." STEM ".merivane-tmp" PID "-" COUNTER EXTENSIONS. The mark is long so that no file of
+// a user's is mistaken for one.
 pid_t temporaryOwner(const std::string& name) {
   if (name.size() < 2 || name[0] != '.') return 0;
   for (size_t at = name.find(kTemporaryMark, 1); at != std::string::npos; at = name.find(kTemporaryMark, at + 1)) {

@@ -43,8 +43,8 @@ class LabelToMeshAlgorithm : public Algorithm {
   Parameter<std::vector<unsigned char>> targetLabels{"Target Labels", {}, this};  // empty: all labels
   Parameter<bool> thresholdAbove{"Threshold Above Iso-Value", true, this};
   Parameter<double> isoValue{"Iso-Value", 0.5, this};  // in original intensities
-  // Box radius in voxels, at least 0; the kernel is 2 s + 1 wide.
-  Parameter<int> smoothing{"Smoothing", 0, this, ParameterRange::atLeast(0)};
+  // Box radius in voxels, 0..1000; the kernel is 2 s + 1 wide.
+  Parameter<int> smoothing{"Smoothing", 0, this, {0, 1000}};
   Parameter<bool> closeHoles{"closeHolesAtImageBoundaries", true, this};
 
  private:

@@ -1,12 +1,14 @@
 #include "Krylov.h"
 
 #include <dirent.h>
+#include <unistd.h>
 #include <omp.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -22,6 +24,9 @@ constexpr ptrdiff_t kParallelRows = 1 << 15;
 
 // Iterations between two looks at the machine's load.
 constexpr int kThreadCheck = 8;
+
+// Times a solve goes on from the true residual after its recurrence claimed convergence.
+constexpr int kConfirmations = 5;
 
 // Runs f(begin, end, sums) over fixed blocks of rows in one parallel loop and adds the K sums
 // of the blocks in block order, so that the result does not depend on the number of threads.
@@ -47,10 +52,10 @@ void rows(ptrdiff_t n, F&& f) {
   for (ptrdiff_t blk = 0; blk < (n + kBlock - 1) / kBlock; ++blk) f(blk * kBlock, std::min(n, (blk + 1) * kBlock));
 }
 
-template <typename S>
-inline S rowTimes(const Matrix& A, ptrdiff_t i, const S* x) {
+template <typename S, typename X>
+inline S rowTimes(const Matrix& A, ptrdiff_t i, const X* x) {
   S s = 0;
-  for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) s += static_cast<S>(A.values[k]) * x[A.inner[k]];
+  for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) s += static_cast<S>(A.values[k]) * static_cast<S>(x[A.inner[k]]);
   return s;
 }
 
@@ -58,9 +63,7 @@ bool finite(double v) { return std::isfinite(v); }
 
 struct Criterion {
   double normA, normB, tolerance;
-  double eta(double rr, double xx) const {
-    return rr == 0 ? 0.0 : std::sqrt(rr) / (normB > 0 ? normB : normA * std::sqrt(xx));
-  }
+  double eta(double rr, double) const { return rr == 0 ? 0.0 : std::sqrt(rr) / normB; }
 };
 
 // r = b - A x, and a copy in r0 when given, with |r|^2, |b|^2 and |x|^2.
@@ -69,10 +72,11 @@ std::array<double, 3> residual(const Matrix& A, const S* b, const S* x, S* r, S*
                                std::vector<std::array<double, 3>>& partial) {
   return blockSums<3>(A.n, partial, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 3>& s) {
     for (ptrdiff_t i = i0; i < i1; ++i) {
-      const S ri = b[i] - rowTimes(A, i, x);
-      r[i] = ri;
-      if (r0) r0[i] = ri;
-      s[0] += static_cast<double>(ri) * ri;
+      // Summed in double: the confirmation of convergence must see below single precision.
+      const double ri = static_cast<double>(b[i]) - rowTimes<double>(A, i, x);
+      r[i] = static_cast<S>(ri);
+      if (r0) r0[i] = static_cast<S>(ri);
+      s[0] += ri * ri;
       s[1] += static_cast<double>(b[i]) * b[i];
       s[2] += static_cast<double>(x[i]) * x[i];
     }
@@ -81,7 +85,15 @@ std::array<double, 3> residual(const Matrix& A, const S* b, const S* x, S* r, S*
 
 // Judges the initial guess; true when the solve is over before it starts: converged already,
 // or NaN or infinity in the system or the guess.
-bool overAtStart(Outcome& out, const Criterion& crit, double rr, double xx) {
+template <typename S>
+bool overAtStart(Outcome& out, const Criterion& crit, double rr, double xx, S* x, ptrdiff_t n) {
+  if (crit.normB == 0 && std::isfinite(rr) && std::isfinite(xx)) {
+    // The solution of A x = 0 is zero; no residual measures how far a guess is from it.
+    std::fill(x, x + n, S(0));
+    out.relativeResidual = 0;
+    out.converged = true;
+    return true;
+  }
   out.relativeResidual = crit.eta(rr, xx);
   if (!std::isfinite(out.relativeResidual)) {
     out.finite = false;
@@ -133,9 +145,9 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
   const auto trueResidual = [&] { return residual(A, b, x, r.data(), r0.data(), p3); };
   auto [rr, bb, xx] = trueResidual();
   const Criterion crit{normInf(A), std::sqrt(bb), settings.tolerance};
-  if (overAtStart(out, crit, rr, xx)) return out;
+  if (overAtStart(out, crit, rr, xx, x, n)) return out;
   double rho = 1, alpha = 1, w = 1, r0r = rr, r0norm2 = rr;
-  int restarts = 0;
+  int restarts = 0, confirmations = 0;
   while (out.iterations < settings.maxIterations) {
     if (settings.canceled && settings.canceled()) {
       out.canceled = true;
@@ -167,7 +179,7 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
     M(p.data(), y.data());
     const double r0v = blockSums<1>(n, p1, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 1>& s) {
       for (ptrdiff_t i = i0; i < i1; ++i) {
-        const S vi = rowTimes(A, i, y.data());
+        const S vi = rowTimes<S>(A, i, y.data());
         v[static_cast<size_t>(i)] = vi;
         s[0] += static_cast<double>(r0[static_cast<size_t>(i)]) * vi;
       }
@@ -189,7 +201,7 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
     M(r.data(), z.data());
     const auto [tt, ts] = blockSums<2>(n, p2, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 2>& s) {
       for (ptrdiff_t i = i0; i < i1; ++i) {
-        const S ti = rowTimes(A, i, z.data());
+        const S ti = rowTimes<S>(A, i, z.data());
         t[static_cast<size_t>(i)] = ti;
         s[0] += static_cast<double>(ti) * ti;
         s[1] += static_cast<double>(ti) * r[static_cast<size_t>(i)];
@@ -225,6 +237,7 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
         out.converged = true;
         break;
       }
+      if (++confirmations > kConfirmations) break;  // the true residual does not follow any more
       r0r = r0norm2 = s[0];
       rho = alpha = w = 1;
       std::fill(p.begin(), p.end(), S(0));
@@ -235,6 +248,10 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
       out.breakdown = true;
       break;
     }
+  }
+  if (!out.converged && out.finite) {
+    const auto t = trueResidual();  // what the caller gets is x, not the recurrence
+    out.relativeResidual = crit.eta(t[0], t[2]);
   }
   return out;
 }
@@ -254,7 +271,7 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
   const auto trueResidual = [&] { return residual<S>(A, b, x, r.data(), nullptr, p3); };
   auto [rr, bb, xx] = trueResidual();
   const Criterion crit{normInf(A), std::sqrt(bb), settings.tolerance};
-  if (overAtStart(out, crit, rr, xx)) return out;
+  if (overAtStart(out, crit, rr, xx, x, n)) return out;
   M(r.data(), z.data());
   double rz = blockSums<1>(n, p1, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 1>& s) {
     for (ptrdiff_t i = i0; i < i1; ++i) {
@@ -262,6 +279,7 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
       s[0] += static_cast<double>(r[static_cast<size_t>(i)]) * z[static_cast<size_t>(i)];
     }
   })[0];
+  int confirmations = 0;
   while (out.iterations < settings.maxIterations) {
     if (settings.canceled && settings.canceled()) {
       out.canceled = true;
@@ -271,7 +289,7 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
       omp_set_num_threads(availableThreads(settings.threadCap));
     const double pq = blockSums<1>(n, p1, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 1>& s) {
       for (ptrdiff_t i = i0; i < i1; ++i) {
-        const S qi = rowTimes(A, i, p.data());
+        const S qi = rowTimes<S>(A, i, p.data());
         q[static_cast<size_t>(i)] = qi;
         s[0] += static_cast<double>(p[static_cast<size_t>(i)]) * qi;
       }
@@ -307,6 +325,7 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
         out.converged = true;
         break;
       }
+      if (++confirmations > kConfirmations) break;  // the true residual does not follow any more
       restart = true;
     }
     M(r.data(), z.data());
@@ -320,17 +339,22 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
       for (ptrdiff_t i = i0; i < i1; ++i) p[static_cast<size_t>(i)] = z[static_cast<size_t>(i)] + bt * p[static_cast<size_t>(i)];
     });
   }
+  if (!out.converged && out.finite) {
+    const auto t = trueResidual();  // what the caller gets is x, not the recurrence
+    out.relativeResidual = crit.eta(t[0], t[2]);
+  }
   return out;
 }
 
 int availableThreads(int wanted) {
   wanted = std::max(1, wanted);
+  if (std::getenv("MERIVANE_FIXED_THREADS")) return wanted;
   const int cores = std::max(1, omp_get_num_procs());
   int runnable = 0;
   if (FILE* f = std::fopen("/proc/loadavg", "r")) {
-    double a, b, c;
     int total = 0;
-    if (std::fscanf(f, "%lf %lf %lf %d/%d", &a, &b, &c, &runnable, &total) != 5) runnable = 0;
+    // The averages are skipped as words: their decimal point is not the locale's.
+    if (std::fscanf(f, "%*s %*s %*s %d/%d", &runnable, &total) != 2) runnable = 0;
     std::fclose(f);
   }
   if (runnable <= 0) return wanted;
@@ -353,7 +377,9 @@ int availableThreads(int wanted) {
     }
     closedir(d);
   }
-  const int others = std::max(0, runnable - std::max(own, 1));
+  // The load is the whole machine's; a process confined to some of its cores sees its share.
+  const long online = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN));
+  const int others = static_cast<int>(std::max(0, runnable - std::max(own, 1)) * static_cast<long>(cores) / online);
   return std::clamp(cores - others, 1, wanted);
 }
 

@@ -2,11 +2,11 @@
 // Preconditioned Krylov iterations over a symmetric single-precision CSR matrix, for vectors
 // of either precision: the solvers' shared core.
 //
-// Stopping test: the relative residual |A x - b| / |b| (2-norms) falls to the tolerance. A zero
-// right side, whose solution is zero, measures against |A| |x| instead (|A| bounded by the
-// largest absolute row sum). A normwise backward error |r| / (|A| |x| + |b|) would stop random-
-// walk solves three to five times earlier, but then about 0.2 % of the labels differ from a
-// tightly converged solve at the default tolerance, against 0.01 % with this test.
+// Stopping test: the relative residual |A x - b| / |b| (2-norms) falls to the tolerance, checked
+// on the true residual, summed in double; a zero right side gives x = 0 at once. A normwise
+// backward error |r| / (|A| |x| + |b|) would stop random-walk solves three to five times
+// earlier, but then about 0.2 % of the labels differ from a tightly converged solve at the
+// default tolerance, against 0.01 % with this test.
 //
 // Each iteration runs a few long parallel loops that fuse the vector updates with their dot
 // products; dot products add fixed blocks in block order, so iterates do not depend on the
@@ -58,6 +58,7 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
 // Threads to use for a solve: up to `wanted`, less the cores that other processes keep busy
 // right now (runnable tasks in /proc/loadavg), at least one. Waiting at a barrier for a thread
 // that another process has descheduled costs far more than doing its share on one core.
+// MERIVANE_FIXED_THREADS in the environment turns this off (benchmarks, tests).
 int availableThreads(int wanted);
 
 }  // namespace Merivane::Krylov

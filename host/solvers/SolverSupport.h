@@ -28,7 +28,7 @@ class ThreadScope {
 // Whether A's entries and b hold no NaN or infinity.
 bool inputFinite(const SparseMatrixF& A, const Eigen::VectorXf& b);
 
-// |A x - b| / |b|, as the iterative solvers measure it (against |A| |x| when b is zero).
+// |A x - b| / |b|, as the iterative solvers measure it (|A x| itself when b is zero).
 double relativeResidual(const SparseMatrixF& A, const Eigen::VectorXf& b, const Eigen::VectorXf& x);
 
 // Collects what a solve did and hands it to the solver when it goes out of scope, on every

@@ -62,8 +62,12 @@ void viennaSolveOnce(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::Ve
 void viennaSolve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x, const Eigen::VectorXf& guess,
                  int iterations, float tolerance, viennacl::context ctx, int& itOut, double& errOut) {
   itOut = 0;
-  Eigen::VectorXf start = guess.size() == b.size() ? guess : b;
   const double nb = b.cast<double>().norm();
+  if (nb == 0) {  // the solution of A x = 0
+    x = Eigen::VectorXf::Zero(b.size());
+    return;
+  }
+  Eigen::VectorXf start = guess.size() == b.size() ? guess : b;
   for (int round = 0; round < 4 && itOut < iterations; ++round) {
     int it = 0;
     viennaSolveOnce(A, b, x, start, iterations - itOut, tolerance, ctx, it, errOut);

@@ -80,9 +80,9 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{G, "Solver ID", "-1", "Solver ID must lie in 0..7, not -1"},
         Bad{G, "Solver ID", "8", "Solver ID must lie in 0..7, not 8"},
         Bad{G, "Solver Iterations", "0", "Solver Iterations must be at least 1, not 0"},
-        Bad{G, "Adaptiveness", "-100", "Adaptiveness must be at least 0, not -100"},
-        Bad{G, "Adaptiveness", "nan", "Adaptiveness must be at least 0, not nan"},
-        Bad{G, "Adaptiveness", "inf", "Adaptiveness must be at least 0, not inf"},
+        Bad{G, "Adaptiveness", "-100", "Adaptiveness must lie in 0..1000000, not -100"},
+        Bad{G, "Adaptiveness", "nan", "Adaptiveness must lie in 0..1000000, not nan"},
+        Bad{G, "Adaptiveness", "inf", "Adaptiveness must lie in 0..1000000, not inf"},
         Bad{G, "Solver Tolerance", "nan", "Solver Tolerance must lie in 1e-38..1, not nan"},
         Bad{G, "Solver Tolerance", "0", "Solver Tolerance must lie in 1e-38..1, not 0"},
         Bad{G, "Solver Tolerance", "2", "Solver Tolerance must lie in 1e-38..1, not 2"},
@@ -97,8 +97,8 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{L, "Min Level", "-2", "Min Level must be at least 1, not -2"},
         Bad{L, "Prior Weight", "nan", "Prior Weight must be at least 0, not nan"},
         // The graph's own settings are checked by the algorithm that owns the graph.
-        Bad{L, "Adaptiveness", "-100", "Adaptiveness must be at least 0, not -100"},
-        Bad{L, "Adaptiveness", "nan", "Adaptiveness must be at least 0, not nan"},
+        Bad{L, "Adaptiveness", "-100", "Adaptiveness must lie in 0..1000000, not -100"},
+        Bad{L, "Adaptiveness", "nan", "Adaptiveness must lie in 0..1000000, not nan"},
         Bad{L, "Active Label", "0", "Active Label must lie in 1..253, not 0"},
         Bad{L, "Active Label", "254", "Active Label must lie in 1..253, not 254"}),
     [](const auto& info) {

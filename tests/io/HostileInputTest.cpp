@@ -363,18 +363,21 @@ pid_t deadProcess() {
 
 TEST(Temporaries, ThoseOfAProcessThatIsGoneAreRemovedByTheNextWrite) {
   TestKit::ScratchDir dir;
-  const std::string dead = "." + std::string("seg") + ".tmp" + std::to_string(deadProcess()) + "-0.nii.gz";
-  const std::string alive = ".seg.tmp" + std::to_string(::getppid()) + "-3.nrrd";
-  const std::string foreign = ".seg.tmp.nrrd";         // not our pattern
-  const std::string plain = "seg.tmp1-0.nrrd";          // not hidden
-  for (const std::string& name : {dead, alive, foreign, plain}) TestKit::writeBytes(dir.file(name), "x");
-  std::filesystem::create_directory(dir.file(".dir.tmp" + std::to_string(deadProcess()) + "-0"));
+  const std::string dead = ".seg.merivane-tmp" + std::to_string(deadProcess()) + "-0.nii.gz";
+  const std::string alive = ".seg.merivane-tmp" + std::to_string(::getppid()) + "-3.nrrd";
+  const std::string foreign = ".seg.merivane-tmp.nrrd";  // not our pattern
+  const std::string plain = "seg.merivane-tmp1-0.nrrd";  // not hidden
+  // A user's hidden file that merely looks numbered, with no process behind the number.
+  const std::string users = ".notes.tmp" + std::to_string(deadProcess()) + "-11.txt";
+  for (const std::string& name : {dead, alive, foreign, plain, users}) TestKit::writeBytes(dir.file(name), "x");
+  std::filesystem::create_directory(dir.file(".dir.merivane-tmp" + std::to_string(deadProcess()) + "-0"));
 
   std::string error;
   ASSERT_TRUE(IO::writeImage(*obliqueShorts(), dir.file("out.nrrd"), &error)) << error;
   EXPECT_FALSE(std::filesystem::exists(dir.file(dead)));
-  for (const std::string& name : {alive, foreign, plain}) EXPECT_TRUE(std::filesystem::exists(dir.file(name))) << name;
-  EXPECT_EQ(dir.entries(), 5);  // out.nrrd, three kept files and the directory
+  for (const std::string& name : {alive, foreign, plain, users})
+    EXPECT_TRUE(std::filesystem::exists(dir.file(name))) << name;
+  EXPECT_EQ(dir.entries(), 6);  // out.nrrd, four kept files and the directory
 }
 
 }  // namespace
