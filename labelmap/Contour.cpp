@@ -88,6 +88,9 @@ void fillPolygon(const std::vector<Eigen::Vector2d>& poly, unsigned char value, 
 void dilate(TypedImage<unsigned char>& img, int r, unsigned char value) {
   if (r <= 0) return;
   const int w = img.width(), h = img.height();
+  // A disc wider than the image's diagonal covers it from any pixel: no larger radius (stored
+  // contours come from files) changes the result, and squares stay in range.
+  r = std::min(r, static_cast<int>(std::ceil(std::hypot(w, h))) + 1);
   std::vector<unsigned char> src(img.pointer(), img.pointer() + static_cast<size_t>(w) * h);
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
