@@ -39,6 +39,9 @@ void zeroBorder(TypedImage<float>& img, bool withZ) {
           img.setValue(0.0f, x, y, z);
 }
 
+// Faces an exported mesh may have after subdivision: about 3 GB of vertices and faces.
+constexpr double kMaxExportFaces = 1e8;
+
 }  // namespace
 
 std::unique_ptr<Mesh> GraphBasedSegmentation::extractSegmentation3D(double smoothness, double exportResolution,
@@ -87,6 +90,15 @@ std::unique_ptr<Mesh> GraphBasedSegmentation::extractSegmentation3D(double smoot
     while (e > exportResolution) {
       e *= 0.5;
       ++halvings;
+    }
+    // Each subdivision quadruples the faces: refuse what would not fit in memory rather than
+    // die in the attempt.
+    const double faces = static_cast<double>(mesh->faces.size()) * std::pow(4.0, halvings);
+    if (faces > kMaxExportFaces) {
+      LOG_ERROR(kCategory, "An export resolution of " << exportResolution << " mm asks for " << halvings
+                                                      << " subdivisions, about " << faces
+                                                      << " faces; choose a coarser one");
+      return nullptr;
     }
     if (halvings > 0) MeshProcessing::subdivide(*mesh, halvings);
   }

@@ -249,6 +249,11 @@ TEST(GraphBasedSegmentation, MeshIsSubdividedOncePerHalvingOfTheResolution) {
     ASSERT_TRUE(mesh);
     EXPECT_EQ(mesh->faces.size(), faces << (2 * halvings)) << "export resolution " << resolution;
   }
+  // Twenty halvings would ask for a trillion faces: refused at once, with one line.
+  TestKit::LogCapture log;
+  EXPECT_FALSE(seg.extractSegmentation3D(1.0, 1e-6, true));
+  EXPECT_EQ(log.count(Log::Error), 1);
+  EXPECT_TRUE(log.contains("export resolution"));
 }
 
 TEST(GraphBasedSegmentation, ExtractsContoursAndAClosedMeshOfTheObject) {
