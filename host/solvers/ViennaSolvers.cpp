@@ -78,6 +78,14 @@ void viennaSolve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::Vector
   }
 }
 
+// Judges the result by our own stopping test and reports it.
+void finish(SolverReport& report, const SparseMatrixF& A, const Eigen::VectorXf& b, const Eigen::VectorXf& x,
+            float tolerance, bool verbose, const char* name) {
+  report.judge(A, b, x, tolerance);
+  report.workspaceBytes = static_cast<size_t>(A.nonZeros()) * 8 + static_cast<size_t>(A.rows()) * 4 * 10;
+  if (verbose) LOG_INFO(kCategory, name << ": " << report.iterations << " iterations, relative residual " << report.error);
+}
+
 }  // namespace
 
 void BiCGStabViennaCPUSolver::solve(const SparseMatrixF& A, const Eigen::VectorXf& b, Eigen::VectorXf& x,
@@ -91,10 +99,7 @@ void BiCGStabViennaCPUSolver::solve(const SparseMatrixF& A, const Eigen::VectorX
   double ownError = 0;
   viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::MAIN_MEMORY), report.iterations,
               ownError);
-  report.judge(A, b, x, tolerance_);
-  report.workspaceBytes = static_cast<size_t>(A.nonZeros()) * 8 + static_cast<size_t>(A.rows()) * 4 * 10;
-  if (verbose)
-    LOG_INFO(kCategory, "[Vienna] BiCGSTAB-CPU: " << report.iterations << " iterations, relative residual " << report.error);
+  finish(report, A, b, x, tolerance_, verbose, "[Vienna] BiCGSTAB-CPU");
 }
 
 bool BiCGStabViennaGPUSolver::deviceAvailable() {
@@ -147,10 +152,7 @@ void BiCGStabViennaGPUSolver::solve(const SparseMatrixF& A, const Eigen::VectorX
   if (!done)
     viennaSolve(A, b, x, guess, iterations_, tolerance_, viennacl::context(viennacl::MAIN_MEMORY), report.iterations,
                 ownError);
-  report.judge(A, b, x, tolerance_);
-  report.workspaceBytes = static_cast<size_t>(A.nonZeros()) * 8 + static_cast<size_t>(A.rows()) * 4 * 10;
-  if (verbose)
-    LOG_INFO(kCategory, "[Vienna] BiCGSTAB-GPU: " << report.iterations << " iterations, relative residual " << report.error);
+  finish(report, A, b, x, tolerance_, verbose, "[Vienna] BiCGSTAB-GPU");
 }
 
 }  // namespace Merivane

@@ -51,15 +51,23 @@ const char* category(Which which) {
   return which == Which::Segmentation ? "Seg.GraphBasedSegmentation" : "Seg.GraphLaplacianAlgorithm";
 }
 
+// The algorithm configured with one setting and run, its log lines from the run alone.
+template <typename Which>
+auto runWith(Which which, const std::string& key, const std::string& value, Scene& s, TestKit::LogCapture& log) {
+  auto a = make(which, s);
+  Properties p{{key, value}};
+  a->configure(&p);
+  log.clear();
+  a->compute();
+  return a;
+}
+
 class GraphParameterRefused : public testing::TestWithParam<Bad> {};
 
 TEST_P(GraphParameterRefused, InvalidInputNoOutputAndOneLineNamingKeyAndValue) {
   Scene s;
-  auto a = make(GetParam().which, s);
-  Properties p{{GetParam().key, GetParam().value}};
-  a->configure(&p);
   TestKit::LogCapture log;
-  a->compute();
+  auto a = runWith(GetParam().which, GetParam().key, GetParam().value, s, log);
   EXPECT_EQ(a->status(), Algorithm::statusInvalidInput);
   EXPECT_EQ(a->takeOutput().size(), 0);
   ASSERT_EQ(log.count(Log::Error), 1);
@@ -120,11 +128,8 @@ class GraphParameterAccepted : public testing::TestWithParam<Edge> {};
 
 TEST_P(GraphParameterAccepted, RangeEndsRunToAResult) {
   Scene s;
-  auto a = make(GetParam().which, s);
-  Properties p{{GetParam().key, GetParam().value}};
-  a->configure(&p);
   TestKit::LogCapture log;
-  a->compute();
+  auto a = runWith(GetParam().which, GetParam().key, GetParam().value, s, log);
   EXPECT_EQ(a->status(), Algorithm::statusSuccess);
   EXPECT_EQ(log.count(Log::Error), 0);
   EXPECT_EQ(a->takeOutput().size(), 1);
