@@ -1,12 +1,34 @@
 #include "SegAlgorithmControllerFactory.h"
 
+#include "DefaultAlgorithmController.h"
+#include "LabelMapToContoursAlgorithm.h"
+#include "LabelStatisticsAlgorithm.h"
+#include "LabelToMeshAlgorithm.h"
+#include "MarkAsLabelMapAlgorithm.h"
+#include "WatershedSegmentationAlgorithm.h"
+
 namespace Merivane {
 
 SegAlgorithmControllerFactory::SegAlgorithmControllerFactory() : AlgorithmControllerFactory("Seg", false) {}
 
+namespace {
+
+template <typename T>
+bool is(Algorithm* a) {
+  return dynamic_cast<T*>(a) != nullptr;
+}
+
+}  // namespace
+
 AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm) const {
   if (!algorithm) return nullptr;
-  // Rows arrive with the panels, in table order.
+  // Rows in table order; the first class that matches wins. Rows whose algorithm or panel
+  // does not exist yet are left out, and the host then offers its generated panel.
+  if (is<LabelToMeshAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, false);
+  if (is<LabelStatisticsAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, false);
+  if (is<MarkAsLabelMapAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, true);
+  if (is<WatershedSegmentationAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, true);
+  if (is<LabelMapToContoursAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, false);
   return nullptr;
 }
 

@@ -1,4 +1,5 @@
 #include "GlContext.h"
+#include "GlPrimitives.h"
 
 #include <epoxy/egl.h>
 #include <epoxy/gl.h>
@@ -130,6 +131,7 @@ Context* Context::instance() {
       c.reset();
     } else {
       LOG_DEBUG(kCategory, "OpenGL " << c->version_ << " on " << c->renderer_);
+      registerResources();
     }
     return c;
   }();

@@ -1,0 +1,7 @@
+#include "GlObject.h"
+
+namespace Merivane {
+
+GlObject::~GlObject() = default;
+
+}  // namespace Merivane

@@ -1,0 +1,8 @@
+#include "ViewObject.h"
+
+namespace Merivane::GUI {
+
+ViewObject::EventHandler::~EventHandler() = default;
+ViewObject::~ViewObject() = default;
+
+}  // namespace Merivane::GUI

@@ -1,0 +1,29 @@
+#pragma once
+// Small Qt services for panels: long work off the interface thread behind a modal progress
+// dialog, calls onto the interface thread, and a save dialog that asks before overwriting.
+#include <QString>
+#include <functional>
+
+class QWidget;
+
+namespace Merivane {
+class Progress;
+}
+
+namespace Merivane::QtHelpers {
+
+// Runs `work` on a worker thread while a modal progress dialog, polled every 10 ms, shows the
+// tasks of `progress` (when given) and offers Cancel, which cancels the progress's tasks.
+// Events keep flowing meanwhile. Returns false when the user cancelled. Exceptions of `work`
+// are caught and logged, and count as done.
+bool runInBackground(QWidget* parent, const QString& title, const std::function<void()>& work,
+                     Progress* progress = nullptr);
+
+// Runs f on the interface thread; `wait` blocks until it has run (never from that thread's own
+// event loop: a call already on the interface thread runs f at once).
+void runOnMainThread(const std::function<void()>& f, bool wait = true);
+
+// A save dialog; empty when cancelled. `filter` as Qt writes it: "Images (*.nii.gz *.nrrd)".
+QString getSaveFilename(QWidget* parent, const QString& caption, const QString& directory, const QString& filter);
+
+}  // namespace Merivane::QtHelpers
