@@ -148,6 +148,8 @@ MainWindow::MainWindow() {
 
 MainWindow::~MainWindow() {
   closeAlgorithm();
+  // The model tells this window about each item it drops: do it while the window is whole.
+  model_.clear();
   // Views hold overlay pointers; take them out before the overlays go.
   for (auto& o : overlays_) views_->removeObject(o->object());
   overlays_.clear();
