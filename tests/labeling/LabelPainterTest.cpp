@@ -111,6 +111,8 @@ struct StrokeCase {
   std::vector<std::pair<Eigen::Vector3d, Eigen::Vector3d>> segments;
 };
 
+void PrintTo(const StrokeCase& c, std::ostream* os) { *os << c.name; }
+
 class PainterStroke : public Painter, public testing::WithParamInterface<StrokeCase> {};
 
 TEST_P(PainterStroke, LabelMapEqualsTheCpuBrushMergedOverExistingLabels) {
