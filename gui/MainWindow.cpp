@@ -36,6 +36,7 @@
 #include "Mesh.h"
 #include "MeshIO.h"
 #include "MultiViewWidget.h"
+#include "Properties.h"
 #include "SharedImage.h"
 #include "SharedImageSet.h"
 
@@ -360,8 +361,11 @@ void MainWindow::rebuildAlgorithmMenu() {
   if (!any) algorithms_->addAction(tr("(no algorithms: the plug-in did not load)"))->setEnabled(false);
 }
 
-bool MainWindow::openAlgorithm(const std::string& name) {
+bool MainWindow::openAlgorithm(const std::string& requested) {
   closeAlgorithm();
+  // "GraphBasedSegmentation" means "Seg.GraphBasedSegmentation" when only the latter exists.
+  std::string name = requested;
+  if (!FactoryRegistry::descriptor(name) && FactoryRegistry::descriptor("Seg." + name)) name = "Seg." + name;
   std::unique_ptr<Algorithm> algorithm = FactoryRegistry::instantiateAlgorithm(name, model_.selected());
   if (!algorithm) {
     LOG_ERROR("MainWindow", name << ": does not apply to the selected data");
@@ -399,6 +403,12 @@ bool MainWindow::openAlgorithm(const std::string& name) {
   delete old;
   panelDock_->setWindowTitle(title);
   return true;
+}
+
+void MainWindow::configureOpenAlgorithm(const Properties& settings) {
+  if (!algorithm_) return;
+  algorithm_->configure(&settings);
+  if (controller_) controller_->onAlgorithmParametersChanged();
 }
 
 int MainWindow::computeOpenAlgorithm() {

@@ -19,6 +19,7 @@ class QMenu;
 namespace Merivane {
 class Algorithm;
 class AlgorithmController;
+class Properties;
 class GlObject;
 class SharedImageSet;
 namespace GUI {
@@ -40,6 +41,8 @@ class MainWindow : public QMainWindow {
   // Creates the algorithm by factory name on the selected data, as its menu entry does, and
   // shows its panel. False when the name is unknown or the selection does not fit.
   bool openAlgorithm(const std::string& name);
+  // Configures the open algorithm and shows the new values in its panel.
+  void configureOpenAlgorithm(const Properties& settings);
   // Runs the open panel's computation and waits for it (for scripts and tests).
   int computeOpenAlgorithm();
   Algorithm* openAlgorithmInstance() const { return algorithm_.get(); }

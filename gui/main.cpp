@@ -129,12 +129,12 @@ int main(int argc, char** argv) {
 
     window.select({});
     for (const Run& r : runs) {
-      if (!window.openAlgorithm(r.name) && !window.openAlgorithm("Seg." + r.name)) {
+      if (!window.openAlgorithm(r.name)) {
         std::fprintf(stderr, "merivane-gui: %s does not apply to the opened data\n", r.name.c_str());
         status = status ? status : 4;
         continue;
       }
-      window.openAlgorithmInstance()->configure(&r.settings);
+      window.configureOpenAlgorithm(r.settings);
       const int s = window.computeOpenAlgorithm();
       if (s != 0 && s != -1) {
         std::fprintf(stderr, "merivane-gui: %s ended with status %d\n", r.name.c_str(), s);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "SegShaderSources.h"
+
 namespace Merivane {
 
 namespace {
@@ -12,8 +14,24 @@ constexpr char kPrologue[] =
     "#version 450 core\n"
     "// MerivaneSeg fragment program\n";
 
-// The programs arrive with the tools that draw them. Until then each name holds a program
-// that compiles and writes transparent black: a stand-in, not the tool's program.
+// Programs written so far, from shaders/. The others arrive with the tools that draw them;
+// until then each of those names holds a program that compiles and writes transparent black:
+// a stand-in, not the tool's program.
+struct Written {
+  const char* name;
+  const char* body;
+  size_t size;
+};
+constexpr Written kWritten[] = {
+    {"GlIsolineRenderer.frag", kShader_GlIsolineRenderer_frag, sizeof(kShader_GlIsolineRenderer_frag) - 1},
+    {"GlLabelRenderer.frag", kShader_GlLabelRenderer_frag, sizeof(kShader_GlLabelRenderer_frag) - 1},
+    {"LabelPainter.frag", kShader_LabelPainter_frag, sizeof(kShader_LabelPainter_frag) - 1},
+    {"LabelPainterDrawLine.frag", kShader_LabelPainterDrawLine_frag, sizeof(kShader_LabelPainterDrawLine_frag) - 1},
+    {"LabelPainterMerge.frag", kShader_LabelPainterMerge_frag, sizeof(kShader_LabelPainterMerge_frag) - 1},
+    {"LabelPainterThreshold.frag", kShader_LabelPainterThreshold_frag,
+     sizeof(kShader_LabelPainterThreshold_frag) - 1},
+};
+
 constexpr char kPlaceholderBody[] =
     "layout(location = 0) out vec4 o_color;\n"
     "void main() {\n"
@@ -32,9 +50,12 @@ ByteBufferView view(const char* text, size_t size) { return {reinterpret_cast<co
 }  // namespace
 
 Repository_MerivaneSeg::Repository_MerivaneSeg() {
-  for (const char* name : kNames)
-    entries_.emplace(name, std::vector<ByteBufferView>{view(kPrologue, sizeof(kPrologue) - 1),
-                                                       view(kPlaceholderBody, sizeof(kPlaceholderBody) - 1)});
+  for (const char* name : kNames) {
+    ByteBufferView body = view(kPlaceholderBody, sizeof(kPlaceholderBody) - 1);
+    for (const Written& w : kWritten)
+      if (std::strcmp(w.name, name) == 0) body = view(w.body, w.size);
+    entries_.emplace(name, std::vector<ByteBufferView>{view(kPrologue, sizeof(kPrologue) - 1), body});
+  }
 }
 
 Repository_MerivaneSeg::~Repository_MerivaneSeg() = default;

@@ -128,6 +128,56 @@ bool GlImage::download(MemImage& image) const {
   return ok;
 }
 
+bool GlImage::download(MemImage& image, const GL::Cuboid& box) const {
+  if (!id_ || image.dimensions() != dimensions() || image.channels() != channels()) return false;
+  const GL::Cuboid b = box.clipped(dimensions());
+  if (b.empty()) return true;
+  const auto tf = transferFormat(image.type(), image.channels());
+  if (!tf.format || image.type() == F64) return false;
+  if ((samplerKind(internalFormat_) == 'f') == GL::internal::isIntegerType(image.type())) return false;
+  const auto& d = desc_.dimensions;
+  const size_t pixelBytes = static_cast<size_t>(image.typeSize()) * static_cast<size_t>(image.channels());
+  const size_t offset =
+      ((static_cast<size_t>(b.min[2]) * d[1] + static_cast<size_t>(b.min[1])) * d[0] + static_cast<size_t>(b.min[0])) *
+      pixelBytes;
+  bool ok = false;
+  GL::runOnGlThread([&] {
+    while (glGetError() != GL_NO_ERROR) {
+    }
+    // The box lands at its place in the full image: rows and slices keep the image's stride.
+    glPixelStorei(GL_PACK_ROW_LENGTH, d[0]);
+    glPixelStorei(GL_PACK_IMAGE_HEIGHT, d[1]);
+    const Eigen::Vector3i size = b.max - b.min;
+    glGetTextureSubImage(id_, 0, b.min[0], b.min[1], b.min[2], size[0], size[1], size[2], tf.format, tf.type,
+                         static_cast<GLsizei>(image.byteSize() - offset), static_cast<char*>(image.data()) + offset);
+    ok = glGetError() == GL_NO_ERROR;
+    glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+    glPixelStorei(GL_PACK_IMAGE_HEIGHT, 0);
+  });
+  return ok;
+}
+
+bool GlImage::clear() { return clear(GL::Cuboid::whole(dimensions())); }
+
+bool GlImage::clear(const GL::Cuboid& box) {
+  if (!id_) return false;
+  const GL::Cuboid b = box.clipped(dimensions());
+  if (b.empty()) return true;
+  bool ok = false;
+  GL::runOnGlThread([&] {
+    while (glGetError() != GL_NO_ERROR) {
+    }
+    const char kind = samplerKind(internalFormat_);
+    const GLenum format = kind == 'f' ? GL_RED : GL_RED_INTEGER;
+    const GLenum type = kind == 'f' ? GL_FLOAT : kind == 'u' ? GL_UNSIGNED_INT : GL_INT;
+    const Eigen::Vector3i size = b.max - b.min;
+    // A null pointer clears to zero in every format.
+    glClearTexSubImage(id_, 0, b.min[0], b.min[1], b.min[2], size[0], size[1], size[2], format, type, nullptr);
+    ok = glGetError() == GL_NO_ERROR;
+  });
+  return ok;
+}
+
 void GlImage::swapTexID(GlImage& other) {
   std::swap(id_, other.id_);
   std::swap(internalFormat_, other.internalFormat_);
@@ -142,6 +192,23 @@ bool GlImage::update(const GlImage& other, GL::Framebuffer*) {
     }
     const auto& d = desc_.dimensions;
     glCopyImageSubData(other.id_, other.target(), 0, 0, 0, 0, id_, target(), 0, 0, 0, 0, d[0], d[1], d[2]);
+    ok = glGetError() == GL_NO_ERROR;
+  });
+  return ok;
+}
+
+bool GlImage::update(const GlImage& other, const GL::Cuboid& box) {
+  if (!id_ || !other.id_ || other.dimensions() != dimensions() || other.internalFormat_ != internalFormat_)
+    return false;
+  const GL::Cuboid b = box.clipped(dimensions());
+  if (b.empty()) return true;
+  bool ok = false;
+  GL::runOnGlThread([&] {
+    while (glGetError() != GL_NO_ERROR) {
+    }
+    const Eigen::Vector3i size = b.max - b.min;
+    glCopyImageSubData(other.id_, other.target(), 0, b.min[0], b.min[1], b.min[2], id_, target(), 0, b.min[0],
+                       b.min[1], b.min[2], size[0], size[1], size[2]);
     ok = glGetError() == GL_NO_ERROR;
   });
   return ok;

@@ -10,7 +10,26 @@ namespace Merivane {
 
 namespace GL {
 class Framebuffer;
-}
+
+// A box of voxels, min inclusive and max exclusive, in the texture's voxel indices.
+struct Cuboid {
+  Eigen::Vector3i min = Eigen::Vector3i::Zero();
+  Eigen::Vector3i max = Eigen::Vector3i::Zero();
+  bool empty() const { return (max.array() <= min.array()).any(); }
+  // The whole of an image of `dimensions`.
+  static Cuboid whole(const Eigen::Vector3i& dimensions) { return {Eigen::Vector3i::Zero(), dimensions}; }
+  // This box clipped to an image of `dimensions`.
+  Cuboid clipped(const Eigen::Vector3i& dimensions) const {
+    return {min.cwiseMax(0), max.cwiseMin(dimensions)};
+  }
+  // The smallest box that holds both; an empty box adds nothing.
+  Cuboid united(const Cuboid& other) const {
+    if (empty()) return other;
+    if (other.empty()) return *this;
+    return {min.cwiseMin(other.min), max.cwiseMax(other.max)};
+  }
+};
+}  // namespace GL
 
 class GlImage : public Image {
  public:
@@ -32,10 +51,18 @@ class GlImage : public Image {
   // Reads the texture into `image` (same dimensions and channels; element type of the
   // descriptor). False when the texture is invalid or the shapes differ.
   bool download(MemImage& image) const;
+  // Reads the voxels of `box` into the same voxels of `image`, which has this texture's
+  // dimensions and channels; the rest of `image` is left as it was.
+  bool download(MemImage& image, const GL::Cuboid& box) const;
+  // Sets every texel of `box` (the whole texture by default) to zero.
+  bool clear();
+  bool clear(const GL::Cuboid& box);
   // Exchanges textures (and formats) with `other`; descriptors stay.
   void swapTexID(GlImage& other);
   // Copies the contents of `other`, which must have the same size and format.
   bool update(const GlImage& other, GL::Framebuffer* framebuffer = nullptr);
+  // Copies only the voxels of `box` of `other`.
+  bool update(const GlImage& other, const GL::Cuboid& box);
 
   // Default internal format, 0 when the type has no texture form.
   static int defaultInternalFormat(PixelType type, int channels);

@@ -26,16 +26,25 @@ bool ImageProgram::compile(const std::string& fragmentSource) {
   return Program::compile(vertexSource(), fragmentSource);
 }
 
-bool ImageProgram::compute(GlImage& target) {
+bool ImageProgram::compute(GlImage& target) { return compute(target, Cuboid::whole(target.dimensions())); }
+
+bool ImageProgram::compute(GlImage& target, const Cuboid& box) {
   if (!valid() || !target.valid()) return false;
+  const Cuboid b = box.clipped(target.dimensions());
+  if (b.empty()) return true;
+  const bool whole = b.min.head<2>().isZero() && b.max[0] == target.width() && b.max[1] == target.height();
   if (!framebuffer_) framebuffer_ = std::make_unique<Framebuffer>();
   if (!vertexArray_) glCreateVertexArrays(1, &vertexArray_);
   use();
   glBindVertexArray(vertexArray_);
   glDisable(GL_BLEND);
   glDisable(GL_DEPTH_TEST);
+  if (!whole) {
+    glEnable(GL_SCISSOR_TEST);
+    glScissor(b.min[0], b.min[1], b.max[0] - b.min[0], b.max[1] - b.min[1]);
+  }
   bool ok = true;
-  for (int z = 0; z < target.slices() && ok; ++z) {
+  for (int z = b.min[2]; z < b.max[2] && ok; ++z) {
     if (!framebuffer_->attach(target, z)) {
       ok = false;
       break;
@@ -43,6 +52,7 @@ bool ImageProgram::compute(GlImage& target) {
     setArgument("u_slice", z);
     glDrawArrays(GL_TRIANGLES, 0, 3);
   }
+  if (!whole) glDisable(GL_SCISSOR_TEST);
   framebuffer_->unbind();
   glBindVertexArray(0);
   return ok && glGetError() == GL_NO_ERROR;

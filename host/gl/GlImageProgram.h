@@ -11,6 +11,7 @@
 namespace Merivane::GL {
 
 class Framebuffer;
+struct Cuboid;
 
 class ImageProgram : public Program {
  public:
@@ -21,6 +22,9 @@ class ImageProgram : public Program {
   bool compile(const std::string& fragmentSource);
   // Renders every slice of `target`; false when the program or the target is unusable.
   bool compute(GlImage& target);
+  // Renders only the voxels of `box` (clipped to the target); the rest of the target keeps
+  // its contents. An empty box renders nothing and succeeds.
+  bool compute(GlImage& target, const Cuboid& box);
   // The vertex stage, for programs that want to build their own.
   static const char* vertexSource();
 

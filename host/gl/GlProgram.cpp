@@ -127,6 +127,20 @@ bool Program::setArgument(const std::string& name, const mat4& m) {
   return true;
 }
 
+bool Program::setArgument(const std::string& name, const vec3i& v) {
+  const int loc = location(name);
+  if (loc < 0) return false;
+  glProgramUniform3i(id_, loc, v[0], v[1], v[2]);
+  return true;
+}
+
+bool Program::setArgument(const std::string& name, const unsigned int* values, int count) {
+  const int loc = location(name);
+  if (loc < 0 || !values || count < 1) return false;
+  glProgramUniform1uiv(id_, loc, count, values);
+  return true;
+}
+
 bool Program::setArgument(const std::string& name, const GlImage& texture, int unit) {
   if (!texture.valid()) return false;
   glBindTextureUnit(static_cast<GLuint>(unit), texture.id());

@@ -35,6 +35,9 @@ class Program {
   bool setArgument(const std::string& name, const vec3& value);
   bool setArgument(const std::string& name, const vec4& value);
   bool setArgument(const std::string& name, const mat4& value);
+  bool setArgument(const std::string& name, const vec3i& value);
+  // A uniform array of unsigned ints (uint name[count]).
+  bool setArgument(const std::string& name, const unsigned int* values, int count);
   // Binds the texture to `unit` and points the sampler uniform at it.
   bool setArgument(const std::string& name, const GlImage& texture, int unit);
 

@@ -31,6 +31,11 @@ class GlTextureBackend final : public TextureBackend {
     return gl && gl->download(target);
   }
 
+  bool download(const Image& texture, MemImage& target, const vec3i& min, const vec3i& max) override {
+    auto* gl = dynamic_cast<const GlImage*>(&texture);
+    return gl && gl->download(target, Cuboid{min, max});
+  }
+
   std::shared_ptr<Image> copy(const GlImage& texture) override {
     auto result = std::make_shared<GlImage>(texture.descriptor(), texture.internalFormat(), nullptr);
     if (!result->valid() || !result->update(texture)) return nullptr;

@@ -75,6 +75,15 @@ void SharedImage::setDirtyGl() {
   memCurrent_ = !glCurrent_;
 }
 
+void SharedImage::setDirtyGl(const Eigen::Vector3i& min, const Eigen::Vector3i& max) {
+  TextureBackend* backend = TextureBackend::installed();
+  if (backend && gl_ && glCurrent_ && mem_ && memCurrent_ &&
+      mem_->descriptor().isApprox(gl_->descriptor(), ImageDescriptor::Comparison::All) &&
+      backend->download(*gl_, *mem_, min, max))
+    return;
+  setDirtyGl();
+}
+
 void SharedImage::update(const MemImage& image) {
   auto copy = std::shared_ptr<MemImage>(image.clone());
   mem_ = std::move(copy);

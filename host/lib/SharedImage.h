@@ -43,6 +43,11 @@ class SharedImage {
   void setDirtyMem();
   // The texture was written: the memory copy is stale.
   void setDirtyGl();
+  // The texture was written inside the voxel box from `min` (inclusive) to `max`
+  // (exclusive) only. When the memory copy was current, that box is read back into it and
+  // both copies stay current: a small edit of a large texture costs a small transfer.
+  // Otherwise the same as setDirtyGl().
+  void setDirtyGl(const Eigen::Vector3i& min, const Eigen::Vector3i& max);
   void update(const MemImage& image);
   void update(const GlImage& image);
 

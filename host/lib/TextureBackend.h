@@ -6,6 +6,8 @@
 // path.
 #include <memory>
 
+#include "EigenFwd.h"
+
 namespace Merivane {
 
 class GlImage;
@@ -22,6 +24,9 @@ class TextureBackend {
   virtual std::shared_ptr<Image> upload(const MemImage& image, std::shared_ptr<Image> target) = 0;
   // Reads a texture into `target`, which has the texture's descriptor.
   virtual bool download(const Image& texture, MemImage& target) = 0;
+  // Reads only the voxels from `min` (inclusive) to `max` (exclusive) into the same voxels
+  // of `target`.
+  virtual bool download(const Image& texture, MemImage& target, const vec3i& min, const vec3i& max) = 0;
   // A new texture with the contents of `texture`; null on failure.
   virtual std::shared_ptr<Image> copy(const GlImage& texture) = 0;
 
