@@ -41,9 +41,9 @@ uint64_t mix(uint64_t x) {
 // thresholded one. Each voxel depends on its coordinates only.
 std::unique_ptr<U8Image> makeOrgans(int nx, int ny, int nz, bool ragged = false) {
   const Organ organs[] = {
-      {0.35, 0.45, 0.50, 0.20, 0.16, 0.25, 1},  // liver
-      {0.72, 0.42, 0.50, 0.08, 0.10, 0.14, 2},  // spleen
-      {0.35, 0.62, 0.35, 0.05, 0.07, 0.10, 3},  // kidneys
+      {0.35, 0.45, 0.50, 0.20, 0.16, 0.25, 1},    // liver
+      {0.72, 0.42, 0.50, 0.08, 0.10, 0.14, 2},    // spleen
+      {0.35, 0.62, 0.35, 0.05, 0.07, 0.10, 3},    // kidneys
       {0.66, 0.62, 0.35, 0.05, 0.07, 0.10, 4},
       {0.50, 0.58, 0.50, 0.025, 0.025, 0.60, 5},  // aorta
       {0.55, 0.35, 0.62, 0.09, 0.06, 0.08, 6},    // stomach
@@ -77,7 +77,8 @@ void paintBall(SharedImageSet& set, int frame, std::mt19937& rng, unsigned char 
   const auto d = m->dimensions();
   auto* p = static_cast<unsigned char*>(m->data());
   const int r = 10;
-  const int cx = static_cast<int>(rng() % d[0]), cy = static_cast<int>(rng() % d[1]), cz = static_cast<int>(rng() % d[2]);
+  const int cx = static_cast<int>(rng() % d[0]), cy = static_cast<int>(rng() % d[1]),
+            cz = static_cast<int>(rng() % d[2]);
   for (int z = std::max(0, cz - r); z <= std::min(d[2] - 1, cz + r); ++z)
     for (int y = std::max(0, cy - r); y <= std::min(d[1] - 1, cy + r); ++y)
       for (int x = std::max(0, cx - r); x <= std::min(d[0] - 1, cx + r); ++x)

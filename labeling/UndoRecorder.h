@@ -40,7 +40,8 @@ class UndoRecorder {
   // empty list records nothing. Returns true when a level was recorded; a set whose frames
   // no longer match the recorder's, a frame without memory or an id already in the history
   // records nothing and logs why.
-  bool recordUndoLevel(const std::string& description, unsigned long id, const std::vector<unsigned long>& changedFrames);
+  bool recordUndoLevel(const std::string& description, unsigned long id,
+                       const std::vector<unsigned long>& changedFrames);
   // Every frame changed.
   bool recordUndoLevel(const std::string& description, unsigned long id);
 

@@ -82,7 +82,8 @@ void removeFiles(const std::vector<std::string>& paths) {
     std::error_code ec;
     if (!fs::exists(path, ec)) continue;
     if (!fs::remove(path, ec) || ec)
-      LOG_WARN(kCategory, "Could not remove undo file, restoring might not be correct: " << path << ": " << ec.message());
+      LOG_WARN(kCategory,
+               "Could not remove undo file, restoring might not be correct: " << path << ": " << ec.message());
   }
 }
 
@@ -139,7 +140,8 @@ void UndoSerializer::writeUndoFileAsync(UndoLevel level) {
   try {
     pool_->enqueue([this, level = std::move(level)] { writeFile(level); });
   } catch (const std::exception& e) {
-    LOG_ERROR(kCategory, "Could not enqueue write to undo file. Undo file might not be restorable. Details: " << e.what());
+    LOG_ERROR(kCategory,
+              "Could not enqueue write to undo file. Undo file might not be restorable. Details: " << e.what());
   }
 }
 
@@ -156,12 +158,14 @@ void UndoSerializer::writeFile(const UndoLevel& level) const {
       const bool written = writeOut(out, level);
       out.close();
       if (!written || !out) {
-        LOG_ERROR(kCategory, "Cannot write undo file " << path << ": the write failed (disk full?); the level stays in memory only");
+        LOG_ERROR(kCategory, "Cannot write undo file "
+                                 << path << ": the write failed (disk full?); the level stays in memory only");
         std::remove(tmp.c_str());
         return;
       }
     }
-    if (!syncPath(tmp, false)) LOG_WARN(kCategory, "Could not flush undo file " << tmp << " to disk: " << std::strerror(errno));
+    if (!syncPath(tmp, false))
+      LOG_WARN(kCategory, "Could not flush undo file " << tmp << " to disk: " << std::strerror(errno));
     if (std::rename(tmp.c_str(), path.c_str()) != 0) {
       LOG_ERROR(kCategory, "Cannot write undo file " << path << ": rename failed: " << std::strerror(errno));
       std::remove(tmp.c_str());
@@ -316,8 +320,8 @@ std::vector<UndoLevel> UndoSerializer::restoreUndoStack(bool removeUnreadable) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
       const std::error_code why(errno, std::generic_category());
-      LOG_ERROR(kCategory, "Failed to open " << path << ".\n Exception: " << why.message() << ".\n Error Code: "
-                                             << why.category().name() << ":" << why.value());
+      LOG_ERROR(kCategory, "Failed to open " << path << ".\n Exception: " << why.message()
+                                             << ".\n Error Code: " << why.category().name() << ":" << why.value());
       continue;
     }
     std::string problem;
