@@ -50,7 +50,7 @@ void zeroAll(SharedImageSet& set) {
 
 }  // namespace
 
-TEST(UndoRecorder, FirstLevelStoresEveryFrameWhateverTheList) {
+TEST(UndoRecorder, FirstLevelStoresEveryFrameLaterEmptyListsNothing) {
   auto set = makeFrames(3, {9, 7, 5}, 1);
   const auto original = voxelCopy(*set);
   UndoRecorder r(*set, 1 << 20, {});
@@ -59,14 +59,9 @@ TEST(UndoRecorder, FirstLevelStoresEveryFrameWhateverTheList) {
   zeroAll(*set);
   EXPECT_EQ(r.restoreUndoLevel(0), 0);
   EXPECT_EQ(voxelCopy(*set), original);
-}
-
-TEST(UndoRecorder, LaterEmptyListRecordsNothing) {
-  auto set = makeFrames(2, {8, 8, 1}, 2);
-  UndoRecorder r(*set, 1 << 20, {});
-  ASSERT_TRUE(r.recordUndoLevel("a", 1));
+  // Later, an empty list records nothing.
   const auto size = r.currentSize();
-  EXPECT_FALSE(r.recordUndoLevel("b", 2, {}));
+  EXPECT_FALSE(r.recordUndoLevel("second", 11, {}));
   EXPECT_EQ(r.levelCount(), 1u);
   EXPECT_EQ(r.currentSize(), size);
 }
@@ -88,20 +83,6 @@ TEST(UndoRecorder, OneChangedFrameOfHundredCostsOneFrame) {
   EXPECT_NE(a.frames[37], b.frames[37]);
   EXPECT_EQ(r.currentSize() - before, b.frames[37]->size());
   EXPECT_EQ(r.currentSize(), heldBytes(r));
-}
-
-TEST(UndoRecorder, LevelsWithNoFrameInCommonCostTheSumOfTheirFrames) {
-  auto set = makeFrames(2, {10, 10, 3}, 5);
-  UndoRecorder r(*set, 1ul << 30, {});
-  ASSERT_TRUE(r.recordUndoLevel("a", 0));
-  std::mt19937 rng(6);
-  TestKit::paintBox(*set, 0, rng);
-  TestKit::paintBox(*set, 1, rng);
-  ASSERT_TRUE(r.recordUndoLevel("b", 1));
-  uint64_t sum = 0;
-  for (const auto& level : r.levels())
-    for (const auto& f : level.frames) sum += f->size();
-  EXPECT_EQ(r.currentSize(), sum);
 }
 
 TEST(UndoRecorder, ZeroLimitKeepsOnlyTheNewestLevel) {
@@ -131,37 +112,6 @@ TEST(UndoRecorder, RestoreBeyondTheLastLevelLeavesTheImagesAlone) {
   EXPECT_EQ(r.restoreUndoLevel(1), -1);
   EXPECT_EQ(voxelCopy(*set), zeros);
   EXPECT_EQ(log.lines().size(), 1u);
-}
-
-TEST(UndoRecorder, RestoreReturnsTheRecordedFocusAndLeavesTheSelection) {
-  auto set = makeFrames(4, {5, 5, 1}, 10);
-  UndoRecorder r(*set, 1 << 20, {});
-  set->selection().setFocus(3);
-  ASSERT_TRUE(r.recordUndoLevel("a", 0));
-  set->selection().setFocus(1);
-  EXPECT_EQ(r.restoreUndoLevel(0), 3);
-  EXPECT_EQ(set->selection().focus(), 1);
-}
-
-TEST(UndoRecorder, ComponentsFollowTheirLevels) {
-  auto set = makeFrames(1, {4, 4, 1}, 11);
-  auto* labels = set->components().add(std::make_unique<LabelDataComponent>(set.get()));
-  labels->setLabelName(1, "Liver");
-  UndoRecorder r(*set, 1 << 20, {"LabelDataComponent"});
-  ASSERT_TRUE(r.recordUndoLevel("a", 0));
-  labels->setLabelName(1, "Spleen");
-  labels->setLabelName(2, "Kidney");
-  ASSERT_TRUE(r.recordUndoLevel("b", 1, {0}));
-  EXPECT_EQ(r.levels()[1].components.size(), 1u);
-
-  LogCapture log;
-  ASSERT_EQ(r.restoreUndoLevel(0), 0);
-  EXPECT_EQ(labels->labelConfigs().size(), 1u);
-  EXPECT_EQ(labels->labelConfig(1)->name, "Liver");
-  ASSERT_EQ(r.restoreUndoLevel(1), 0);
-  EXPECT_EQ(labels->labelConfig(1)->name, "Spleen");
-  EXPECT_EQ(labels->labelConfig(2)->name, "Kidney");
-  EXPECT_EQ(log.count(Log::Warning) + log.count(Log::Error), 0);
 }
 
 TEST(UndoRecorder, ComponentThatLeftTheSetIsSkippedInSilence) {

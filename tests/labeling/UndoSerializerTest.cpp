@@ -160,18 +160,6 @@ TEST(UndoSerializer, StackReadsBackWhatWasWritten) {
   EXPECT_EQ(readFile(dir.file("7.bin")), serialized(levels[2]));
 }
 
-TEST(UndoSerializer, EqualFramesOfConsecutiveFilesShareOneBuffer) {
-  ScratchDir dir("share");
-  UndoLevel a = realLevel(1, 5), b = realLevel(2, 6);
-  b.frames[1] = a.frames[1];
-  writeLevels(dir, {a, b});
-  UndoSerializer s(dir.path());
-  auto back = s.restoreUndoStack(false);
-  ASSERT_EQ(back.size(), 2u);
-  EXPECT_EQ(back[0].frames[1], back[1].frames[1]);
-  EXPECT_NE(back[0].frames[0], back[1].frames[0]);
-}
-
 // A damaged level ends the history: the levels before it read, it and those after it are
 // removed when asked, and the warning names the file and what is wrong.
 enum class Damage { FlippedFrameByte, CutInHalf, TotalSize, Empty, WrongId, FlippedComponentByte };
