@@ -205,6 +205,10 @@ struct ModelCase {
   unsigned seed;
 };
 
+void PrintTo(const ModelCase& c, std::ostream* os) {
+  *os << c.frames << " frames of " << c.dims.transpose() << ", budget " << c.limit << ", seed " << c.seed;
+}
+
 class UndoRecorderModel : public testing::TestWithParam<ModelCase> {};
 
 TEST_P(UndoRecorderModel, EveryRestoredLevelEqualsItsCopyAndMemoryStaysInBudget) {
@@ -279,7 +283,12 @@ INSTANTIATE_TEST_SUITE_P(Histories, UndoRecorderModel,
                          testing::Values(ModelCase{1, {24, 20, 12}, 1ul << 30, 1},  // no eviction
                                          ModelCase{1, {24, 20, 12}, 6000, 2},       // a few levels
                                          ModelCase{9, {16, 12, 1}, 1ul << 30, 3},   // a sweep
-                                         ModelCase{9, {16, 12, 1}, 1500, 4}));
+                                         ModelCase{9, {16, 12, 1}, 1500, 4}),
+                         [](const testing::TestParamInfo<ModelCase>& info) {
+                           return "Frames" + std::to_string(info.param.frames) +
+                                  (info.param.limit < (1ul << 30) ? "Budget" + std::to_string(info.param.limit)
+                                                                  : std::string("Unlimited"));
+                         });
 
 // Files mirror the levels in memory: eviction and forks remove theirs, and a new recorder
 // reads the history back with frames shared as before.

@@ -164,6 +164,11 @@ TEST(UndoSerializer, StackReadsBackWhatWasWritten) {
 // removed when asked, and the warning names the file and what is wrong.
 enum class Damage { FlippedFrameByte, CutInHalf, TotalSize, Empty, WrongId, FlippedComponentByte };
 
+const char* const kDamageNames[] = {"FlippedFrameByte", "CutInHalf", "TotalSize",
+                                    "Empty",            "WrongId",   "FlippedComponentByte"};
+std::string damageName(Damage d) { return kDamageNames[static_cast<int>(d)]; }
+void PrintTo(Damage d, std::ostream* os) { *os << damageName(d); }
+
 class UndoStackDamage : public testing::TestWithParam<Damage> {};
 
 TEST_P(UndoStackDamage, EndsTheHistoryAtTheDamagedFile) {
@@ -199,7 +204,8 @@ TEST_P(UndoStackDamage, EndsTheHistoryAtTheDamagedFile) {
 
 INSTANTIATE_TEST_SUITE_P(Kinds, UndoStackDamage,
                          testing::Values(Damage::FlippedFrameByte, Damage::CutInHalf, Damage::TotalSize, Damage::Empty,
-                                         Damage::WrongId, Damage::FlippedComponentByte));
+                                         Damage::WrongId, Damage::FlippedComponentByte),
+                         [](const testing::TestParamInfo<Damage>& info) { return damageName(info.param); });
 
 TEST(UndoSerializer, StrayFilesAreSkippedAndLeftoverTemporariesRemoved) {
   ScratchDir dir("stray");
