@@ -3,15 +3,13 @@
 // looks up by a path "Repository/Name". Repositories are owned by whoever adds them and must
 // be removed before they die.
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace Merivane {
+#include "ByteBuffer.h"
 
-using ByteBuffer = std::vector<unsigned char>;
-using ByteBufferView = std::span<const unsigned char>;
+namespace Merivane {
 
 namespace Resource {
 
