@@ -49,10 +49,22 @@ LabelDataComponent::LabelConfig& LabelDataComponent::entry(int value) {
   return it->second;
 }
 
-void LabelDataComponent::setLabelName(int value, const std::string& name) { entry(value).name = name; }
-void LabelDataComponent::setLabelColor(int value, const Eigen::Vector4d& color) { entry(value).color = color; }
-void LabelDataComponent::setVisibility2d(int value, bool visible) { entry(value).visible2d = visible; }
-void LabelDataComponent::setVisibility3d(int value, bool visible) { entry(value).visible3d = visible; }
+void LabelDataComponent::setLabelName(int value, const std::string& name) {
+  entry(value).name = name;
+  changed.emitSignal();
+}
+void LabelDataComponent::setLabelColor(int value, const Eigen::Vector4d& color) {
+  entry(value).color = color;
+  changed.emitSignal();
+}
+void LabelDataComponent::setVisibility2d(int value, bool visible) {
+  entry(value).visible2d = visible;
+  changed.emitSignal();
+}
+void LabelDataComponent::setVisibility3d(int value, bool visible) {
+  entry(value).visible3d = visible;
+  changed.emitSignal();
+}
 
 int LabelDataComponent::detectLabels(const SharedImageSet& image) {
   std::array<bool, 256> seen{};
@@ -77,6 +89,7 @@ int LabelDataComponent::detectLabels(const SharedImageSet& image) {
       labels_[v] = defaultLabelConfig(v);
       ++added;
     }
+  if (added) changed.emitSignal();
   return added;
 }
 
@@ -112,6 +125,7 @@ void LabelDataComponent::configure(const Properties* properties) {
     labels[value] = c;
   }
   labels_ = std::move(labels);
+  changed.emitSignal();
 }
 
 void LabelDataComponent::configuration(Properties* properties) const {

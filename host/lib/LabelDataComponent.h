@@ -8,6 +8,7 @@
 
 #include "Data.h"
 #include "DataComponent.h"
+#include "Signal.h"
 #include "Image.h"
 
 namespace Merivane {
@@ -32,6 +33,19 @@ class LabelDataComponent : public DataComponent<LabelDataComponent> {
   };
 
   explicit LabelDataComponent(const SharedImageSet* owner = nullptr) : owner_(owner) {}
+  // Copies carry the labels, not the connections of the changed signal.
+  LabelDataComponent(const LabelDataComponent& o)
+      : DataComponent(o), owner_(o.owner_), labels_(o.labels_), sourceModality_(o.sourceModality_) {}
+  LabelDataComponent& operator=(const LabelDataComponent& o) {
+    owner_ = o.owner_;
+    labels_ = o.labels_;
+    sourceModality_ = o.sourceModality_;
+    changed.emitSignal();
+    return *this;
+  }
+
+  // Emitted after any change of a name, colour, visibility or the set of labels.
+  Signal<> changed;
 
   std::string id() const override { return "LabelDataComponent"; }
   void configure(const Properties* properties) override;
@@ -44,14 +58,22 @@ class LabelDataComponent : public DataComponent<LabelDataComponent> {
   std::optional<LabelConfig> labelConfig(int value) const;
   // A generated name and a colour from a fixed palette of well-separated hues.
   static LabelConfig defaultLabelConfig(int value);
-  void setLabelConfig(int value, const LabelConfig& config) { labels_[value] = config; }
-  void setLabelConfigs(std::map<int, LabelConfig> configs) { labels_ = std::move(configs); }
+  void setLabelConfig(int value, const LabelConfig& config) {
+    labels_[value] = config;
+    changed.emitSignal();
+  }
+  void setLabelConfigs(std::map<int, LabelConfig> configs) {
+    labels_ = std::move(configs);
+    changed.emitSignal();
+  }
   const std::map<int, LabelConfig>& labelConfigs() const { return labels_; }
   void setLabelName(int value, const std::string& name);
   void setLabelColor(int value, const Eigen::Vector4d& color);
   void setVisibility2d(int value, bool visible);
   void setVisibility3d(int value, bool visible);
-  void removeLabel(int value) { labels_.erase(value); }
+  void removeLabel(int value) {
+    if (labels_.erase(value)) changed.emitSignal();
+  }
 
   Data::Modality sourceModality() const { return sourceModality_; }
   void setSourceModality(Data::Modality m) { sourceModality_ = m; }
