@@ -157,6 +157,12 @@ MainWindow::~MainWindow() {
   views_->setReferenceImage(nullptr);
 }
 
+DisplayWidgetMultiAdapter* MainWindow::displayWidget() { return &views_->adapter(); }
+void MainWindow::addSliceObject(GlObject* object) { views_->addSliceObject(object); }
+void MainWindow::add3DObject(GlObject* object) { views_->add3DObject(object); }
+void MainWindow::removeObject(GlObject* object) { views_->removeObject(object); }
+void MainWindow::updateViews() { views_->updateViews(); }
+
 bool MainWindow::openFile(const QString& path, bool quiet) {
   const std::string p = path.toStdString();
   std::string error;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "DataModel.h"
+#include "MainWindowBase.h"
 
 class QTreeWidget;
 class QTreeWidgetItem;
@@ -26,13 +27,19 @@ namespace GUI {
 class MultiViewWidget;
 }
 
-class MainWindow : public QMainWindow {
+class MainWindow : public QMainWindow, public MainWindowBase {
   Q_OBJECT
  public:
   MainWindow();
   ~MainWindow() override;
 
-  DataModel& dataModel() { return model_; }
+  // What panels reach through MainWindowBase.
+  DataModel* dataModel() override { return &model_; }
+  DisplayWidgetMultiAdapter* displayWidget() override;
+  void addSliceObject(GlObject* object) override;
+  void add3DObject(GlObject* object) override;
+  void removeObject(GlObject* object) override;
+  void updateViews() override;
   GUI::MultiViewWidget& views() { return *views_; }
 
   // Reads an image, label map or mesh; a failure shows a message box naming the file (or,

@@ -1,6 +1,8 @@
 #include "SegAlgorithmControllerFactory.h"
 
 #include "DefaultAlgorithmController.h"
+#include "LabelMapIsolineRenderer.h"
+#include "LabelMapIsolineRendererController.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
 #include "LabelToMeshAlgorithm.h"
@@ -28,6 +30,8 @@ AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm)
   if (is<LabelStatisticsAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, false);
   if (is<MarkAsLabelMapAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, true);
   if (is<WatershedSegmentationAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, true);
+  if (auto* isolines = dynamic_cast<LabelMapIsolineRenderer*>(algorithm))
+    return new LabelMapIsolineRendererController(isolines);
   if (is<LabelMapToContoursAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, false);
   return nullptr;
 }

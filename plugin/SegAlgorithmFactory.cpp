@@ -3,6 +3,7 @@
 #include "GraphBasedSegmentation.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
+#include "LabelMapIsolineRenderer.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
 #include "LabelToMeshAlgorithm.h"
@@ -21,6 +22,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
                                                      "Segmentation;Make Compatible Label Map");
   registerAlgorithm<MarkAsLabelMapAlgorithm>("MarkAsLabelMap", "Segmentation;Mark as Label Map");
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
+  registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
 
   // The plug-in's one data component, restored by id when label maps are loaded.

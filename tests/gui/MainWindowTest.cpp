@@ -6,13 +6,16 @@
 #include <QApplication>
 #include <QMenu>
 #include <QMenuBar>
+#include <QSpinBox>
 #include <QTest>
 #include <filesystem>
 
 #include "GlLabelRenderer.h"
 #include "GuiView.h"
 #include "ImageIO.h"
+#include "FactoryRegistry.h"
 #include "LabelDataComponent.h"
+#include "LabelMapIsolineRenderer.h"
 #include "MLPlugin.h"
 #include "MainWindow.h"
 #include "MultiViewWidget.h"
@@ -83,7 +86,7 @@ TEST(MainWindow, AFileThatCannotBeReadLeavesTheWindowAsItWas) {
   MainWindow window;
   const auto missing = std::filesystem::temp_directory_path() / "merivane-no-such-file.nrrd";
   EXPECT_FALSE(window.openFile(QString::fromStdString(missing.string()), true));
-  EXPECT_EQ(window.dataModel().size(), 0);
+  EXPECT_EQ(window.dataModel()->size(), 0);
 }
 
 TEST(MainWindow, TheMenuOffersWhatFitsTheSelectionAndItsPanelComputesOnIt) {
@@ -93,8 +96,8 @@ TEST(MainWindow, TheMenuOffersWhatFitsTheSelectionAndItsPanelComputesOnIt) {
   window.resize(900, 700);
   window.show();
   Scene scene;
-  Data* image = window.dataModel().add(std::move(scene.image));
-  Data* seeds = window.dataModel().add(std::move(scene.seeds));
+  Data* image = window.dataModel()->add(std::move(scene.image));
+  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
   QMenu* algorithms = nullptr;
   for (QAction* a : window.menuBar()->actions())
     if (a->text().remove('&') == "Algorithms") algorithms = a->menu();
@@ -125,6 +128,54 @@ TEST(MainWindow, TheMenuOffersWhatFitsTheSelectionAndItsPanelComputesOnIt) {
   EXPECT_EQ(labels->value(19 + 7, 19, 6), 1);
   EXPECT_EQ(labels->value(19 + 13, 19, 6), 2);
   EXPECT_EQ(labels->value(1, 1, 6), 2);
+}
+
+TEST(MainWindow, TheIsolineViewShowsItsRendererAndFollowsThePanelAndTheLabelColours) {
+  app();
+  plugins();
+  MainWindow window;
+  window.resize(900, 700);
+  window.show();
+  Scene scene;
+  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
+  window.select({seeds});
+  ASSERT_TRUE(window.openAlgorithm("Seg.LabelMapIsolineRenderer"));
+  auto* isolines = dynamic_cast<LabelMapIsolineRenderer*>(window.openAlgorithmInstance());
+  ASSERT_NE(isolines, nullptr);
+  GlIsolineRenderer* renderer = isolines->renderer();
+  // In every slice view, not in the 3D view.
+  for (int v = 0; v < 3; ++v) EXPECT_TRUE(window.views().view(v).view().hasObject(renderer));
+  EXPECT_FALSE(window.views().view(3).view().hasObject(renderer));
+
+  auto* spin = window.findChild<QSpinBox*>();
+  ASSERT_NE(spin, nullptr);
+  EXPECT_EQ(spin->suffix(), "px");
+  spin->setValue(5);
+  EXPECT_DOUBLE_EQ(renderer->thicknessPx(), 5.0);
+
+  auto* ldc = seeds->asImageSet()->components().get<LabelDataComponent>();
+  ASSERT_NE(ldc, nullptr);
+  ldc->setLabelColor(2, Eigen::Vector4d(0, 0, 1, 1));
+  ASSERT_GT(renderer->colors().size(), 2u);
+  EXPECT_EQ(renderer->colors()[2], Eigen::Vector4f(0, 0, 1, 1));
+
+  // Closing the panel takes the renderer out of the views.
+  window.openAlgorithm("Seg.LabelMapToContours");
+  for (int v = 0; v < 3; ++v) EXPECT_FALSE(window.views().view(v).view().hasObject(renderer));
+}
+
+TEST(IsolineView, AcceptsOneUnsignedByteLabelMapOfOneFrameOnly) {
+  Scene scene;
+  Algorithm* created = nullptr;
+  EXPECT_TRUE(LabelMapIsolineRenderer::createCompatible(DataList{scene.seeds.get()}, nullptr));
+  EXPECT_FALSE(LabelMapIsolineRenderer::createCompatible(DataList{scene.image.get()}, &created));
+  EXPECT_FALSE(LabelMapIsolineRenderer::createCompatible(DataList{scene.seeds.get(), scene.seeds.get()}, &created));
+  EXPECT_FALSE(LabelMapIsolineRenderer::createCompatible(DataList{}, &created));
+  EXPECT_EQ(created, nullptr);
+  plugins();
+  const auto* d = FactoryRegistry::descriptor("Seg.LabelMapIsolineRenderer");
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d->menuPath, "Visualization;Show Label Map as Isolines");
 }
 
 }  // namespace
