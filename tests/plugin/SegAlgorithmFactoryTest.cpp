@@ -127,7 +127,7 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
   }
   EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.LabelToMesh", "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
-                                           "Seg.WatershedSegmentation", "Seg.LabelMapToContours"}));
+                                           "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {
