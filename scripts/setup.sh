@@ -16,6 +16,8 @@ packages=(
   libnifti2-dev zlib1g-dev libpng-dev
   libopenmesh-dev
   clang libclang-rt-dev libomp-dev
+  xvfb xauth            # the window's end-to-end test runs under a virtual X server
+  mricron-data          # the demo brain (Colin27 T1) that the demo and that test open
 )
 
 missing=()
