@@ -134,6 +134,16 @@ MainWindow::MainWindow() {
     }
   });
 
+  // Annotations are drawn in every view, and their manipulators see the views' events.
+  annotations_.annotationAdded.connect([this](InteractiveObject* a) {
+    for (int i = 0; i < 4; ++i) views_->view(i).addViewObject(a);
+    views_->updateViews();
+  });
+  annotations_.annotationAboutToBeRemoved.connect([this](InteractiveObject* a) {
+    for (int i = 0; i < 4; ++i) views_->view(i).removeViewObject(a);
+    views_->updateViews();
+  });
+  annotations_.annotationChanged.connect([this](InteractiveObject*) { views_->updateViews(); });
   model_.dataAdded.connect([this](Data* d) { onDataAdded(d); });
   model_.dataAboutToBeRemoved.connect([this](Data* d) { onDataRemoved(d); });
   model_.dataChanged.connect([this](Data* d) { onDataChanged(d); });
@@ -149,7 +159,8 @@ MainWindow::MainWindow() {
 
 MainWindow::~MainWindow() {
   closeAlgorithm();
-  // The model tells this window about each item it drops: do it while the window is whole.
+  // The models tell this window about each item they drop: do it while the window is whole.
+  annotations_.clear();
   model_.clear();
   // Views hold overlay pointers; take them out before the overlays go.
   for (auto& o : overlays_) views_->removeObject(o->object());
@@ -257,6 +268,7 @@ void MainWindow::onDataAdded(Data* data) {
 }
 
 void MainWindow::onDataRemoved(Data* data) {
+  annotations_.removeAll(data);
   if (algorithm_) {
     // The open algorithm may hold the item: close it first.
     closeAlgorithm();

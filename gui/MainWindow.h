@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "AnnotationModel.h"
 #include "DataModel.h"
 #include "MainWindowBase.h"
 
@@ -35,6 +36,7 @@ class MainWindow : public QMainWindow, public MainWindowBase {
 
   // What panels reach through MainWindowBase.
   DataModel* dataModel() override { return &model_; }
+  AnnotationModel* annotationModel() override { return &annotations_; }
   DisplayWidgetMultiAdapter* displayWidget() override;
   void addSliceObject(GlObject* object) override;
   void add3DObject(GlObject* object) override;
@@ -80,6 +82,7 @@ class MainWindow : public QMainWindow, public MainWindowBase {
   Overlay* overlayOf(Data* data);
 
   DataModel model_;
+  AnnotationModel annotations_;
   GUI::MultiViewWidget* views_ = nullptr;
   QTreeWidget* list_ = nullptr;
   QDockWidget* panelDock_ = nullptr;

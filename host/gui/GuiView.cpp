@@ -1,5 +1,6 @@
 #include "GuiView.h"
 
+#include <Eigen/Geometry>
 #include <algorithm>
 #include <cmath>
 
@@ -62,6 +63,8 @@ bool View::navigate(const InputEvent& e) {
       last_ = e.position;
       if (e.button == InputEvent::MiddleButton || (e.button == InputEvent::LeftButton && shift))
         drag_ = Drag::Pan;
+      else if (e.button == InputEvent::LeftButton && sv && (e.modifiers & InputEvent::Alt))
+        drag_ = Drag::Tilt;
       else if (e.button == InputEvent::RightButton && sv)
         drag_ = Drag::WindowLevel;
       else if (e.button == InputEvent::LeftButton && sv)
@@ -89,6 +92,17 @@ bool View::navigate(const InputEvent& e) {
           break;
         case Drag::Orbit:
           if (vv) vv->orbit(d);
+          break;
+        case Drag::Tilt:
+          if (sv) {
+            // Sideways turns the plane about the screen's vertical, up and down about its
+            // horizontal; a quarter turn per 300 pixels.
+            const Slice& s = sv->slice().slice();
+            const double k = 1.5707963 / 300.0;
+            const Eigen::Matrix3d r = (Eigen::AngleAxisd(d.x() * k, s.yAxis()) *
+                                       Eigen::AngleAxisd(-d.y() * k, s.xAxis())).toRotationMatrix();
+            sv->setAxes(r * s.xAxis(), r * s.yAxis());
+          }
           break;
       }
       update();

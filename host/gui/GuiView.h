@@ -3,7 +3,7 @@
 // and the navigation a user expects when no handler takes an event.
 //   slice views: wheel scrolls slices (Ctrl: zoom at the cursor), left button places the
 //   crosshair, right drag sets window (horizontal) and level (vertical), middle drag or
-//   Shift + left drag pans;
+//   Shift + left drag pans, Alt + left drag tilts the plane about its centre (oblique);
 //   3D view: left drag orbits, middle drag or Shift + left drag pans, wheel zooms.
 // No Qt here: widgets translate their events into GUI::InputEvent.
 #include <functional>
@@ -53,7 +53,7 @@ class View {
   std::unique_ptr<GlView> view_;
   std::vector<ViewObject*> viewObjects_;
   Eigen::Vector2d last_ = Eigen::Vector2d::Zero();
-  enum class Drag { None, Crosshair, WindowLevel, Pan, Orbit } drag_ = Drag::None;
+  enum class Drag { None, Crosshair, WindowLevel, Pan, Orbit, Tilt } drag_ = Drag::None;
 };
 
 }  // namespace Merivane::GUI

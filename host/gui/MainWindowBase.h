@@ -3,6 +3,7 @@
 // registers itself; panels reach it through instance(), which is null in programs without one.
 namespace Merivane {
 
+class AnnotationModel;
 class DataModel;
 class DisplayWidgetMultiAdapter;
 class GlObject;
@@ -13,6 +14,7 @@ class MainWindowBase {
   static MainWindowBase* instance();
 
   virtual DataModel* dataModel() = 0;
+  virtual AnnotationModel* annotationModel() = 0;
   virtual DisplayWidgetMultiAdapter* displayWidget() = 0;
   // Objects drawn over the images in the slice views, or in the 3D view; not owned.
   virtual void addSliceObject(GlObject* object) = 0;
