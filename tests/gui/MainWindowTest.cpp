@@ -7,6 +7,9 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QSpinBox>
+#include <QTimer>
+#include <QToolButton>
+#include <thread>
 #include <QTest>
 #include <filesystem>
 
@@ -16,6 +19,10 @@
 #include "FactoryRegistry.h"
 #include "LabelDataComponent.h"
 #include "LabelMapIsolineRenderer.h"
+#include "LabelMapIsolineRendererController.h"
+#include "DefaultAlgorithmController.h"
+#include "QtHelpers.h"
+#include "SectionWidget.h"
 #include "MLPlugin.h"
 #include "MainWindow.h"
 #include "MultiViewWidget.h"
@@ -70,6 +77,8 @@ struct Scene {
     seeds->setName("seeds");
   }
 };
+
+std::vector<std::unique_ptr<Algorithm>> algorithms;
 
 QAction* findAction(QMenu* menu, const QString& text) {
   for (QAction* a : menu->actions()) {
@@ -176,6 +185,81 @@ TEST(IsolineView, AcceptsOneUnsignedByteLabelMapOfOneFrameOnly) {
   const auto* d = FactoryRegistry::descriptor("Seg.LabelMapIsolineRenderer");
   ASSERT_NE(d, nullptr);
   EXPECT_EQ(d->menuPath, "Visualization;Show Label Map as Isolines");
+}
+
+TEST(ControllerTable, PanelsFollowTheTableForTheClassesThatExist) {
+  app();
+  plugins();
+  Scene scene;
+  auto controllerFor = [&](const std::string& name, const DataList& data) -> std::unique_ptr<AlgorithmController> {
+    auto algorithm = FactoryRegistry::instantiateAlgorithm(name, data);
+    if (!algorithm) return nullptr;
+    std::unique_ptr<AlgorithmController> c(FactoryRegistry::createController(algorithm.get()));
+    algorithms.push_back(std::move(algorithm));
+    return c;
+  };
+  auto flags = [](AlgorithmController* c) {
+    auto* d = dynamic_cast<DefaultAlgorithmController*>(c);
+    return d ? std::make_pair(d->flag1(), d->flag2()) : std::make_pair(false, false);
+  };
+  // Generated panels with the table's flags.
+  auto mesh = controllerFor("Seg.LabelToMesh", DataList{scene.seeds.get()});
+  ASSERT_TRUE(dynamic_cast<DefaultAlgorithmController*>(mesh.get()));
+  EXPECT_EQ(flags(mesh.get()), std::make_pair(true, false));
+  auto plain = TestKit::makeImage<unsigned char>(Eigen::Vector3i(4, 4, 2), [](int x, int, int) { return x % 2; });
+  auto mark = controllerFor("Seg.MarkAsLabelMap", DataList{plain.get()});
+  ASSERT_TRUE(dynamic_cast<DefaultAlgorithmController*>(mark.get()));
+  EXPECT_EQ(flags(mark.get()), std::make_pair(true, true));
+  auto watershed = controllerFor("Seg.WatershedSegmentation", DataList{scene.image.get(), scene.seeds.get()});
+  ASSERT_TRUE(dynamic_cast<DefaultAlgorithmController*>(watershed.get()));
+  EXPECT_EQ(flags(watershed.get()), std::make_pair(false, true));
+  // A panel of its own.
+  auto isolines = controllerFor("Seg.LabelMapIsolineRenderer", DataList{scene.seeds.get()});
+  EXPECT_TRUE(dynamic_cast<LabelMapIsolineRendererController*>(isolines.get()));
+  // No panel of its own yet: the factory says so, and the window then generates one.
+  auto graph = controllerFor("Seg.GraphBasedSegmentation", DataList{scene.image.get(), scene.seeds.get()});
+  EXPECT_EQ(graph, nullptr);
+  EXPECT_EQ(FactoryRegistry::createController(nullptr), nullptr);
+  isolines.reset();
+  mesh.reset();
+  mark.reset();
+  watershed.reset();
+  algorithms.clear();
+}
+
+TEST(QtHelpers, BackgroundWorkKeepsTheInterfaceResponsiveAndRunOnMainThreadReturnsThere) {
+  app();
+  QTimer tick;
+  int ticks = 0;
+  QObject::connect(&tick, &QTimer::timeout, [&] { ++ticks; });
+  tick.start(5);
+  std::thread::id workerThread, mainThread = std::this_thread::get_id(), calledOn;
+  const bool done = QtHelpers::runInBackground(nullptr, "Working", [&] {
+    workerThread = std::this_thread::get_id();
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    QtHelpers::runOnMainThread([&] { calledOn = std::this_thread::get_id(); });
+  });
+  EXPECT_TRUE(done);
+  EXPECT_NE(workerThread, mainThread);
+  EXPECT_EQ(calledOn, mainThread);
+  EXPECT_GT(ticks, 5);  // the interface thread went on with its events meanwhile
+}
+
+TEST(SectionWidget, WorkflowModeKeepsOneSectionOpenAndNumbersThem) {
+  app();
+  SectionWidget sections;
+  sections.addSection("Seeds", new QWidget);
+  sections.addSection("Run", new QWidget);
+  sections.addSection("Accept", new QWidget);
+  EXPECT_TRUE(sections.isSectionOpen(0) && sections.isSectionOpen(1) && sections.isSectionOpen(2));
+  sections.setWorkflowMode(true);
+  EXPECT_TRUE(sections.isSectionOpen(0));
+  EXPECT_FALSE(sections.isSectionOpen(1));
+  sections.setSectionOpen(2, true);
+  EXPECT_FALSE(sections.isSectionOpen(0));
+  EXPECT_TRUE(sections.isSectionOpen(2));
+  auto* header = sections.findChildren<QToolButton*>().at(1);
+  EXPECT_EQ(header->text(), "2. Run");
 }
 
 }  // namespace
