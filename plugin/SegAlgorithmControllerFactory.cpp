@@ -5,6 +5,7 @@
 #include "LabelMapIsolineRendererController.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
+#include "LabelStatisticsController.h"
 #include "LabelToMeshAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
 #include "WatershedSegmentationAlgorithm.h"
@@ -27,7 +28,8 @@ AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm)
   // Rows in table order; the first class that matches wins. Rows whose algorithm or panel
   // does not exist yet are left out, and the host then offers its generated panel.
   if (is<LabelToMeshAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, false);
-  if (is<LabelStatisticsAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, false);
+  if (auto* statistics = dynamic_cast<LabelStatisticsAlgorithm*>(algorithm))
+    return new LabelStatisticsController(statistics);
   if (is<MarkAsLabelMapAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, true);
   if (is<WatershedSegmentationAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, true);
   if (auto* isolines = dynamic_cast<LabelMapIsolineRenderer*>(algorithm))

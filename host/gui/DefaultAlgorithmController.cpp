@@ -2,8 +2,10 @@
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QComboBox>
 #include <QClipboard>
 #include <QDoubleSpinBox>
+#include <QFileDialog>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -24,6 +26,7 @@
 #include "Parameter.h"
 #include "Progress.h"
 #include "Properties.h"
+#include "QtHelpers.h"
 
 namespace Merivane {
 
@@ -110,6 +113,20 @@ void DefaultAlgorithmController::buildForm() {
         onParameterChanged(name);
       });
       editor = box;
+    } else if (isA<int>(p) && !p->attribute("values").empty()) {
+      // An enumeration: "Default, Fixed, Scientific" names the values 0, 1, 2.
+      auto* box = new QComboBox(this);
+      for (const QString& v : QString::fromStdString(p->attribute("values")).split(','))
+        box->addItem(v.trimmed());
+      box->setCurrentIndex(std::stoi(p->text()));
+      connect(box, QOverload<int>::of(&QComboBox::currentIndexChanged), this, [this, p, name](int v) {
+        if (updating_) return;
+        Properties props;
+        props.setParam(name, v);
+        p->configure(&props);
+        onParameterChanged(name);
+      });
+      editor = box;
     } else if (isA<int>(p) || isA<unsigned int>(p)) {
       auto* box = new QSpinBox(this);
       box->setRange(static_cast<int>(std::max(-2147483647.0, attributeNumber(*p, "min", -2147483647.0))),
@@ -139,6 +156,39 @@ void DefaultAlgorithmController::buildForm() {
     } else {
       // Text, vectors and the rest: the value as Properties write it.
       auto* line = new QLineEdit(QString::fromStdString(p->text()), this);
+      const std::string kind = p->attribute("type");
+      if (kind == "SaveFile" || kind == "OpenFile") {
+        // A path: a button beside the text opens the file dialog.
+        auto* row = new QWidget(this);
+        auto* h = new QHBoxLayout(row);
+        h->setContentsMargins(0, 0, 0, 0);
+        line->setParent(row);
+        h->addWidget(line, 1);
+        auto* browse = new QPushButton("...", row);
+        browse->setObjectName(QString::fromStdString(name + ".browse"));
+        h->addWidget(browse);
+        const QString filter = QString::fromStdString(p->attribute("filter"));
+        connect(browse, &QPushButton::clicked, this, [this, line, kind, filter] {
+          const QString path = kind == "SaveFile"
+                                   ? QtHelpers::getSaveFilename(this, tr("Save"), line->text(), filter)
+                                   : QFileDialog::getOpenFileName(this, tr("Open"), line->text(), filter);
+          if (path.isEmpty()) return;
+          line->setText(path);
+          emit line->editingFinished();
+        });
+        line->setToolTip(tooltipOf(*p));
+        line->setObjectName(QString::fromStdString(name));
+        connect(line, &QLineEdit::editingFinished, this, [this, p, line, name] {
+          if (updating_) return;
+          Properties props;
+          props.setParam(name, line->text().toStdString());
+          p->configure(&props);
+          onParameterChanged(name);
+        });
+        editors_[name] = line;
+        form_->addRow(label, row);
+        continue;
+      }
       connect(line, &QLineEdit::editingFinished, this, [this, p, line, name] {
         if (updating_) return;
         const std::string text = line->text().toStdString();
@@ -171,6 +221,8 @@ void DefaultAlgorithmController::updatePropertiesWidget() {
     const std::string text = p->text();
     if (auto* box = qobject_cast<QCheckBox*>(w))
       box->setChecked(dynamic_cast<Parameter<bool>*>(p)->value());
+    else if (auto* combo = qobject_cast<QComboBox*>(w))
+      combo->setCurrentIndex(std::stoi(text));
     else if (auto* spin = qobject_cast<QSpinBox*>(w))
       spin->setValue(std::stoi(text));
     else if (auto* dspin = qobject_cast<QDoubleSpinBox*>(w))
@@ -269,6 +321,7 @@ void DefaultAlgorithmController::onComputeDone() {
   else
     status_->setText(tr("Failed with status %1: see the log").arg(lastStatus_));
   if (lastStatus_ == Algorithm::statusSuccess || lastStatus_ == Algorithm::statusUnknown) postprocessOutput(algorithm_->takeOutput());
+  onComputeFinished(lastStatus_);
   emit computeFinished(lastStatus_);
 }
 

@@ -61,6 +61,11 @@ class DefaultAlgorithmController : public QWidget, public AlgorithmController {
   virtual void updatePropertiesWidget();
   virtual void onParameterChanged(const std::string& name);
 
+ protected:
+  // Called on the interface thread when a computation has ended, after the outputs went to the
+  // data model and before computeFinished; panels add what they show of the result.
+  virtual void onComputeFinished(int status) {}
+
  signals:
   void computeStarted();
   void computeFinished(int status);

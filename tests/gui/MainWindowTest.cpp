@@ -7,6 +7,10 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QSpinBox>
+#include <QClipboard>
+#include <QDialog>
+#include <QPushButton>
+#include <QTableWidget>
 #include <QTimer>
 #include <QToolButton>
 #include <thread>
@@ -20,6 +24,7 @@
 #include "LabelDataComponent.h"
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapIsolineRendererController.h"
+#include "LabelStatisticsAlgorithm.h"
 #include "DefaultAlgorithmController.h"
 #include "QtHelpers.h"
 #include "SectionWidget.h"
@@ -225,6 +230,53 @@ TEST(ControllerTable, PanelsFollowTheTableForTheClassesThatExist) {
   mark.reset();
   watershed.reset();
   algorithms.clear();
+}
+
+TEST(StatisticsPanel, ShowsTheTableOfTheAlgorithmAndCopiesItsCsv) {
+  app();
+  plugins();
+  MainWindow window;
+  Scene scene;
+  Data* image = window.dataModel()->add(std::move(scene.image));
+  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
+  window.select({image, seeds});
+  ASSERT_TRUE(window.openAlgorithm("Seg.LabelStatistics"));
+  // The same measurement straight from the factory, for comparison.
+  auto reference = FactoryRegistry::instantiateAlgorithm("Seg.LabelStatistics", DataList{image, seeds});
+  ASSERT_TRUE(reference);
+  reference->compute();
+  const std::string csv = static_cast<LabelStatisticsAlgorithm*>(reference.get())->csv();
+  ASSERT_FALSE(csv.empty());
+
+  QStringList cells;
+  QString copied;
+  // The dialog opens when the computation has ended; look for it until it is there.
+  QTimer poll;
+  poll.setInterval(10);
+  QObject::connect(&poll, &QTimer::timeout, [&] {
+    QWidget* modal = QApplication::activeModalWidget();
+    if (!modal) return;
+    poll.stop();
+    EXPECT_EQ(modal->windowTitle(), "Label Statistics");
+    auto* table = modal->findChild<QTableWidget*>();
+    ASSERT_NE(table, nullptr);
+    for (int r = 0; r < table->rowCount(); ++r) {
+      QStringList row{table->verticalHeaderItem(r)->text()};
+      for (int c = 0; c < table->columnCount(); ++c) row << table->item(r, c)->text();
+      cells << row.join(';');
+    }
+    for (auto* b : modal->findChildren<QPushButton*>())
+      if (b->text() == "Copy CSV to Clipboard") b->click();
+    copied = QGuiApplication::clipboard()->text();
+    static_cast<QDialog*>(modal)->accept();
+  });
+  poll.start();
+  EXPECT_EQ(window.computeOpenAlgorithm(), 0);
+  EXPECT_FALSE(poll.isActive()) << "no statistics dialog appeared";
+  QStringList expected = QString::fromStdString(csv).split('\n', Qt::SkipEmptyParts);
+  expected.removeFirst();  // the header is the table's column titles
+  EXPECT_EQ(cells, expected);
+  EXPECT_EQ(copied.toStdString(), csv);
 }
 
 TEST(QtHelpers, BackgroundWorkKeepsTheInterfaceResponsiveAndRunOnMainThreadReturnsThere) {
