@@ -52,16 +52,19 @@ GlSmoothingFilter::~GlSmoothingFilter() {
   GL::runOnGlThread([&programs] { programs.reset(); });
 }
 
-void GlSmoothingFilter::setKernelSize(int kernelSize, double sigma) {
+void GlSmoothingFilter::setKernelSize(int kernelSize, double sigma) { weights_ = gaussianWeights(kernelSize, sigma); }
+
+std::vector<float> GlSmoothingFilter::gaussianWeights(int kernelSize, double sigma) {
   int taps = std::clamp(kernelSize, 1, kMaxTaps);
   if (taps % 2 == 0) ++taps;
   const int half = taps / 2;
   if (sigma <= 0.0) sigma = 0.3 * ((taps - 1) * 0.5 - 1.0) + 0.8;
-  weights_.assign(static_cast<size_t>(taps), 0.0f);
+  std::vector<float> weights(static_cast<size_t>(taps), 0.0f);
   double sum = 0.0;
   for (int k = -half; k <= half; ++k) sum += std::exp(-k * k / (2.0 * sigma * sigma));
   for (int k = -half; k <= half; ++k)
-    weights_[static_cast<size_t>(k + half)] = static_cast<float>(std::exp(-k * k / (2.0 * sigma * sigma)) / sum);
+    weights[static_cast<size_t>(k + half)] = static_cast<float>(std::exp(-k * k / (2.0 * sigma * sigma)) / sum);
+  return weights;
 }
 
 bool GlSmoothingFilter::compute(const GlImage& input, GlImage& output) {

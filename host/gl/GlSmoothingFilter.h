@@ -20,6 +20,8 @@ class GlSmoothingFilter {
   GlSmoothingFilter& operator=(const GlSmoothingFilter&) = delete;
 
   void setKernelSize(int kernelSize, double sigma = -1.0);
+  // The normalised Gaussian taps for a kernel size and sigma, by the rules above (at most 63).
+  static std::vector<float> gaussianWeights(int kernelSize, double sigma = -1.0);
   int kernelSize() const { return static_cast<int>(weights_.size()); }
   const std::vector<float>& weights() const { return weights_; }
   // The box to write; an empty box (the default) means the whole image.
