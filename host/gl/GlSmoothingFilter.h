@@ -2,7 +2,8 @@
 // Gaussian smoothing of an unsigned integer texture (R8UI, R16UI, ...) as three separable
 // passes along x, y and z (z only for volumes), limited to a sub-volume: only the voxels of
 // that box are written in the output. Intermediate results keep the texture's format and
-// round at each pass. Lives on the GL thread.
+// round at each pass; they live in scratch textures as large as the largest box seen (grown
+// by the kernel), so the cost follows the box, not the image. Lives on the GL thread.
 #include <memory>
 #include <vector>
 
