@@ -6,7 +6,9 @@
 #include <cmath>
 #include <memory>
 
+#include "GlAnisotropicDiffusionFilter.h"
 #include "GlContext.h"
+#include "GlImage.h"
 #include "ImageComponents.h"
 #include "LabelPainter.h"
 #include "Repository_MerivaneSeg.h"
@@ -95,6 +97,36 @@ void BM_BrushStep2D(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_BrushStep2D)->Arg(10)->Arg(40)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Denoising of the input for filter input, configured as the painter does: runs once per
+// focus change. state.range(0): slices (1 is a 512 x 512 frame); state.range(1): iterations.
+void BM_FilterInput(benchmark::State& state) {
+  if (!GL::Context::available()) {
+    state.SkipWithError("no OpenGL context");
+    return;
+  }
+  Session s({512, 512, static_cast<int>(state.range(0))});
+  GlAnisotropicDiffusionFilter filter;
+  filter.setSmoothingKernelSize(32);
+  filter.setIterations(static_cast<int>(state.range(1)));
+  filter.setContrast(0.6);
+  filter.setSharpenKernelSize(3, 0.5);
+  GlImage* input = s.image->gl();
+  GlImage output(input->descriptor(), input->internalFormat());
+  for (auto _ : state) {
+    if (!filter.compute(*input, output)) state.SkipWithError("filter failed");
+    GL::Context::instance()->finish();
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.dims.prod()));
+}
+BENCHMARK(BM_FilterInput)
+    ->Args({1, 50})
+    ->Args({300, 0})
+    ->Args({300, 50})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+BENCHMARK(BM_FilterInput)->Args({1, 0})->Args({1, 50})->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 

@@ -2,12 +2,14 @@
 
 #include <Eigen/Geometry>
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <functional>
 #include <string>
 #include <tuple>
 
+#include "GlAnisotropicDiffusionFilter.h"
 #include "GlContext.h"
 #include "GlImage.h"
 #include "GlImageProgram.h"
@@ -101,7 +103,14 @@ struct LabelPainter::Gl {
   ResourceProgram threshold{"LabelPainterThreshold.frag"};
   ResourceProgram merge{"LabelPainterMerge.frag"};
   GlSmoothingFilter smoothing;
+  std::unique_ptr<GlAnisotropicDiffusionFilter> diffusion;
   std::unique_ptr<GlImage> scratchA, scratchB, filterSource;
+  // The denoised input, for the focus and frame it was made from. A failed attempt is
+  // remembered too, so that a frame the filter cannot take is reported once.
+  std::unique_ptr<GlImage> filteredInput;
+  int filteredInputFocus = -1;
+  const SharedImage* filteredInputFrame = nullptr;
+  bool filteredInputFailed = false;
   // The mask as a U8 texture, for the mask and frame it was made from.
   std::unique_ptr<GlImage> maskTexture;
   const Mask* maskKey = nullptr;
@@ -165,10 +174,34 @@ void LabelPainter::dropFilterCaches() {
   });
 }
 
+void LabelPainter::dropFilteredInput() {
+  if (!gl_) return;
+  runGl([this] {
+    gl_->filteredInput.reset();
+    gl_->filteredInputFocus = -1;
+    gl_->filteredInputFrame = nullptr;
+    gl_->filteredInputFailed = false;
+  });
+}
+
+void LabelPainter::createFilterInputProgram() {
+  if (!gl_) return;
+  if (!gl_->diffusion) {
+    gl_->diffusion = std::make_unique<GlAnisotropicDiffusionFilter>();
+    gl_->diffusion->setSmoothingKernelSize(32);
+    gl_->diffusion->setContrast(0.6);
+    gl_->diffusion->setSharpenKernelSize(3, 0.5);
+  }
+  gl_->diffusion->setIterations(filterInputIterations_);
+}
+
+const GlImage* LabelPainter::filteredInput() const { return gl_ ? gl_->filteredInput.get() : nullptr; }
+
 bool LabelPainter::setCurrent(const SharedImageSet* input, SharedImageSet* labelMap) {
   if (!input && !labelMap) {
     replaceStencil(nullptr);
     dropFilterCaches();
+    dropFilteredInput();
     input_ = nullptr;
     labelMap_ = nullptr;
     settingsChanged.emitSignal();
@@ -206,6 +239,7 @@ bool LabelPainter::setCurrent(const SharedImageSet* input, SharedImageSet* label
   }
   const ImageDescriptor& ld = labels->descriptor();
   if (stencil_ && stencil_->descriptor().dimensions != ld.dimensions) replaceStencil(nullptr);
+  dropFilteredInput();
   if (gl_) {
     runGl([&] {
       if (gl_->filterSource && gl_->filterSource->dimensions() != ld.dimensions) gl_->filterSource.reset();
@@ -395,6 +429,8 @@ bool LabelPainter::paintSegments(const std::vector<Segment>& segments, bool eras
   bool ok = false;
   bool merged = false;
   std::string failure;
+  double filterMilliseconds = -1.0;
+  bool filterFailed = false;
   runGl([&] {
     Gl& g = *gl_;
     GlImage* stencilTexture = stencil_->gl();
@@ -448,6 +484,32 @@ bool LabelPainter::paintSegments(const std::vector<Segment>& segments, bool eras
       g.filterSourceDirty = {};
     }
 
+    // The denoised input, once per focus: it costs far more than a stroke.
+    const GlImage* brushInput = inputTexture;
+    if (filterInput_) {
+      const int focus = input_->resolve(-1);
+      if (focus != g.filteredInputFocus || inputFrame != g.filteredInputFrame) {
+        g.filteredInput.reset();
+        g.filteredInputFailed = false;
+      }
+      if (!g.filteredInput && !g.filteredInputFailed) {
+        createFilterInputProgram();
+        const auto start = std::chrono::steady_clock::now();
+        auto filtered = std::make_unique<GlImage>(inputTexture->descriptor(), inputTexture->internalFormat());
+        if (filtered->valid() && g.diffusion->compute(*inputTexture, *filtered)) {
+          g.filteredInput = std::move(filtered);
+          filterMilliseconds =
+              std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+        } else {
+          g.filteredInputFailed = true;
+          filterFailed = true;
+        }
+        g.filteredInputFocus = focus;
+        g.filteredInputFrame = inputFrame;
+      }
+      if (g.filteredInput) brushInput = g.filteredInput.get();
+    }
+
     // Brush pass, one segment at a time: each renders its box into scratch B reading the
     // output so far, and the box goes back into the output, so the stroke is the union.
     GL::ImageProgram& brush = g.brush.program;
@@ -464,7 +526,7 @@ bool LabelPainter::paintSegments(const std::vector<Segment>& segments, bool eras
     brush.setArgument("u_window", window);
     brush.setArgument("u_level", level);
     GlImage& output = smooth ? *g.filterSource : *stencilTexture;
-    brush.setArgument("u_inputImage", *inputTexture, 0);
+    brush.setArgument("u_inputImage", *brushInput, 0);
     brush.setArgument("u_spacingFactor", vec3(factor.cast<double>()));
     brush.setArgument("u_multipass", multipass ? 1 : 0);
     for (const VoxelSegment& v : voxelSegments) {
@@ -534,6 +596,12 @@ bool LabelPainter::paintSegments(const std::vector<Segment>& segments, bool eras
     ok = merged = true;
   });
 
+  if (filterFailed)
+    LOG_WARN(kCategory, "The input of frame " << input_->resolve(-1)
+                                              << " cannot be denoised (one channel with a texture form is needed); the "
+                                                 "adaptive brush reads it as it is");
+  if (filterMilliseconds >= 0.0)
+    LOG_DEBUG(kCategory, "Denoised the input of frame " << input_->resolve(-1) << " in " << filterMilliseconds << " ms");
   stencil_->setDirtyGl();
   stencilClear_ = false;
   if (!ok) {
@@ -607,14 +675,24 @@ void LabelPainter::setFilter(bool filter) {
 void LabelPainter::setFilterInput(bool filterInput) {
   if (filterInput == filterInput_) return;
   filterInput_ = filterInput;
-  if (filterInput_)
-    LOG_WARN(kCategory, "Denoising of the input is not available; the adaptive brush reads the input as it is");
+  if (filterInput_) {
+    if (gl_) runGl([this] { createFilterInputProgram(); });
+  } else {
+    dropFilteredInput();
+  }
   settingsChanged.emitSignal();
 }
 
 void LabelPainter::setFilterInputIterations(int iterations) {
   if (iterations == filterInputIterations_) return;
+  if (iterations < 0 || iterations > GlAnisotropicDiffusionFilter::kMaxIterations) {
+    LOG_WARN(kCategory, "Filter input iterations must be 0 to " << GlAnisotropicDiffusionFilter::kMaxIterations
+                                                                << ", not " << iterations);
+    return;
+  }
   filterInputIterations_ = iterations;
+  if (gl_) runGl([this] { createFilterInputProgram(); });
+  dropFilteredInput();
   settingsChanged.emitSignal();
 }
 

@@ -27,6 +27,7 @@
 #include "Signal.h"
 
 namespace Merivane {
+class GlImage;
 class Mask;
 class SharedImage;
 class SharedImageSet;
@@ -85,10 +86,16 @@ class LabelPainter {
   bool isMatrixIgnored() const { return ignoreMatrix_; }
   void setFilter(bool filter);  // smooth the stencil of an adaptive stroke
   bool filter() const { return filter_; }
+  // Let the adaptive brush read a denoised copy of the input (edge-preserving diffusion),
+  // made on the first stroke after the input or its focus changed and kept while they stay.
   void setFilterInput(bool filterInput);
   bool filterInput() const { return filterInput_; }
+  // Diffusion steps of that copy, 0 to 1000 (0 copies the input); a new count drops the copy.
   void setFilterInputIterations(int iterations);
   int filterInputIterations() const { return filterInputIterations_; }
+  // The denoised copy the brush reads; null while filter input is off or before the stroke
+  // that makes it. GL thread only.
+  const GlImage* filteredInput() const;
   void setFilterKernelSize(int size);
   int filterKernelSize() const { return filterKernelSize_; }
   void setUseWindowLevel(bool use);  // the adaptive brush sees the input through its window
@@ -117,6 +124,8 @@ class LabelPainter {
   struct Gl;
   void replaceStencil(std::unique_ptr<SharedImage> stencil);
   void dropFilterCaches();
+  void dropFilteredInput();
+  void createFilterInputProgram();
 
   const SharedImageSet* input_ = nullptr;
   SharedImageSet* labelMap_ = nullptr;

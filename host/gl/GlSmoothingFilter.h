@@ -2,7 +2,8 @@
 // Gaussian smoothing of an unsigned integer texture (R8UI, R16UI, ...) as three separable
 // passes along x, y and z (z only for volumes), limited to a sub-volume: only the voxels of
 // that box are written in the output. Intermediate results keep the texture's format and
-// round at each pass. Lives on the GL thread.
+// round at each pass; they live in scratch textures as large as the largest box seen (grown
+// by the kernel), so the cost follows the box, not the image. Lives on the GL thread.
 #include <memory>
 #include <vector>
 
@@ -20,6 +21,8 @@ class GlSmoothingFilter {
   GlSmoothingFilter& operator=(const GlSmoothingFilter&) = delete;
 
   void setKernelSize(int kernelSize, double sigma = -1.0);
+  // The normalised Gaussian taps for a kernel size and sigma, by the rules above (at most 63).
+  static std::vector<float> gaussianWeights(int kernelSize, double sigma = -1.0);
   int kernelSize() const { return static_cast<int>(weights_.size()); }
   const std::vector<float>& weights() const { return weights_; }
   // The box to write; an empty box (the default) means the whole image.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 #include <vector>
 
 #include "GlContext.h"
@@ -43,19 +44,30 @@ TEST(GlSmoothingFilter, WeightsAreANormalisedGaussianOfOddSize) {
   EXPECT_GT(f.weights()[4], f.weights()[3]);
 }
 
-class GlSmoothingFilterBox : public testing::TestWithParam<Eigen::Vector3i> {};
+// Image shape and box: 0 inside, 1 touching the low corner, 2 touching the high corner,
+// 3 the whole image (an empty box).
+class GlSmoothingFilterBox : public testing::TestWithParam<std::tuple<Eigen::Vector3i, int>> {};
 
 TEST_P(GlSmoothingFilterBox, EqualsTheCpuPassesInsideTheBoxAndLeavesTheRest) {
   MERIVANE_REQUIRE_GL();
-  const Eigen::Vector3i d = GetParam();
+  const auto [d, kind] = GetParam();
   std::vector<int> values(static_cast<size_t>(d.prod()));
   std::vector<unsigned char> bytes(values.size());
   for (size_t i = 0; i < values.size(); ++i) values[i] = bytes[i] = static_cast<unsigned char>((i * 97) % 256);
   const std::vector<unsigned char> before(values.size(), 7);
   GlImage in(ImageDescriptor(U8, d, 1), 0, bytes.data()), out(ImageDescriptor(U8, d, 1), 0, before.data());
   GlSmoothingFilter f(5);
-  const GL::Cuboid box{{2, 1, d[2] > 1 ? 1 : 0}, {d[0] - 2, d[1] - 1, d[2] > 1 ? d[2] - 1 : 1}};
-  f.setSubVolume(box);
+  const int zLo = d[2] > 1 ? 1 : 0, zHi = d[2] > 1 ? d[2] - 1 : 1;
+  const GL::Cuboid boxes[4] = {{{2, 1, zLo}, {d[0] - 2, d[1] - 1, zHi}},
+                               {{-3, -3, -3}, {4, 3, zHi}},
+                               {{5, 4, zLo}, {d[0] + 3, d[1] + 3, d[2] + 3}},
+                               {}};
+  // A smaller box first, so that the scratch textures have to grow for the one checked.
+  GlImage other(ImageDescriptor(U8, d, 1));
+  f.setSubVolume({{3, 3, 0}, {5, 4, 1}});
+  ASSERT_TRUE(f.compute(in, other));
+  f.setSubVolume(boxes[kind]);
+  const GL::Cuboid box = boxes[kind].empty() ? GL::Cuboid::whole(d) : boxes[kind].clipped(d);
   ASSERT_TRUE(f.compute(in, out));
   TypedImage<unsigned char> result(d, 1);
   ASSERT_TRUE(out.download(result));
@@ -74,7 +86,8 @@ TEST_P(GlSmoothingFilterBox, EqualsTheCpuPassesInsideTheBoxAndLeavesTheRest) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, GlSmoothingFilterBox,
-                         testing::Values(Eigen::Vector3i(12, 9, 1), Eigen::Vector3i(10, 8, 7)));
+                         testing::Combine(testing::Values(Eigen::Vector3i(12, 9, 1), Eigen::Vector3i(10, 8, 7)),
+                                          testing::Values(0, 1, 2, 3)));
 
 }  // namespace
 }  // namespace Merivane
