@@ -114,6 +114,46 @@ bool GlView::draw(std::vector<unsigned char>* rgba) {
   return ran && ok;
 }
 
+std::optional<Eigen::Vector3d> GlView::firstHitpointLocation(const Eigen::Vector2d& pixel, int radiusPx) const {
+  if (!target_ || !target_->fbo || !pixel.allFinite()) return std::nullopt;
+  const int w = target_->width, h = target_->height, r = std::clamp(radiusPx, 0, 256);
+  const double fx = std::floor(pixel.x()), fy = std::floor(pixel.y());
+  if (fx < -r || fy < -r || fx >= w + r || fy >= h + r) return std::nullopt;
+  const int px = static_cast<int>(fx), py = static_cast<int>(fy);
+  const int x0 = std::max(px - r, 0), x1 = std::min(px + r, w - 1);
+  const int y0 = std::max(py - r, 0), y1 = std::min(py + r, h - 1);
+  if (x0 > x1 || y0 > y1) return std::nullopt;
+  const int bw = x1 - x0 + 1, bh = y1 - y0 + 1;
+  std::vector<float> depth(static_cast<size_t>(bw) * static_cast<size_t>(bh), 1.0f);
+  const GLuint fbo = target_->fbo;
+  // Viewport rows count from the top, GL's from the bottom.
+  const bool ran = GL::runOnGlThread([&] {
+    GLint previous = 0;
+    glGetIntegerv(GL_READ_FRAMEBUFFER_BINDING, &previous);
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, fbo);
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    glReadPixels(x0, h - 1 - y1, bw, bh, GL_DEPTH_COMPONENT, GL_FLOAT, depth.data());
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, static_cast<GLuint>(previous));
+  });
+  if (!ran) return std::nullopt;
+  std::optional<Eigen::Vector2i> best;
+  float bestDepth = 1.0f;
+  long bestDist = 0;
+  for (int y = y0; y <= y1; ++y)
+    for (int x = x0; x <= x1; ++x) {
+      const float d = depth[static_cast<size_t>(h - 1 - y - (h - 1 - y1)) * bw + (x - x0)];
+      const long dist = static_cast<long>(x - px) * (x - px) + static_cast<long>(y - py) * (y - py);
+      if (!(d < 1.0f) || dist > static_cast<long>(r) * r) continue;
+      if (!best || dist < bestDist || (dist == bestDist && d < bestDepth)) {
+        best = Eigen::Vector2i(x, y);
+        bestDepth = d;
+        bestDist = dist;
+      }
+    }
+  if (!best) return std::nullopt;
+  return state_.unproject(Eigen::Vector2d(best->x() + 0.5, best->y() + 0.5), bestDepth);
+}
+
 void GlSlice::draw(const GlView& view) {
   // A slice view shows its own plane edge-on: nothing to draw there.
   if (dynamic_cast<const GlSliceView*>(&view)) return;

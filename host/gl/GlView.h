@@ -5,6 +5,7 @@
 // the 3D view round a centre point.
 #include <Eigen/Core>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,10 @@ class GlView {
   bool render(std::vector<unsigned char>& rgba);
   // The same without the copy back (for timings of the drawing alone).
   bool renderOnly();
+  // The world position of the nearest surface drawn by the last render within `radiusPx`
+  // viewport pixels of `pixel` (the hit closest to `pixel`, the front one on a tie), read from
+  // the depth buffer. Empty when nothing was drawn there or the view was never rendered.
+  std::optional<Eigen::Vector3d> firstHitpointLocation(const Eigen::Vector2d& pixel, int radiusPx) const;
 
   Eigen::Vector4f background = Eigen::Vector4f(0, 0, 0, 1);
 

@@ -16,6 +16,9 @@ struct ViewState {
   Eigen::Vector3d project(const Eigen::Vector3d& world) const;
   // Viewport pixel and depth to world position.
   Eigen::Vector3d unproject(const Eigen::Vector2d& pixel, double depth = 0.5) const;
+  // The homogeneous form of project(): world (x, y, z, 1) to (pixel x, pixel y, depth, 1)
+  // times w.
+  Eigen::Matrix4d worldToViewportMatrix() const;
   // World millimetres covered by one viewport pixel at `world` (x and y of the screen).
   Eigen::Vector2d mmPerPixel() const;
 };

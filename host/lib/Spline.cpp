@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "PolygonRegion.h"
+#include "SharedImage.h"
+
 namespace Merivane {
 
 namespace {
@@ -108,6 +111,35 @@ Spline Spline::getApproximateClosedSpline(int skipFactor, bool refine) const {
     kept.push_back(sum / skip);
   }
   return Spline(std::move(kept), true);
+}
+
+std::vector<Eigen::Vector3d> Spline::polyline() const {
+  if (points_.size() < 2) return points_;
+  buildTable();
+  std::vector<Eigen::Vector3d> out = samples_;
+  if (closed_) out.pop_back();
+  return out;
+}
+
+bool Spline::convertToLabelMap(SharedImage& labelMap, unsigned char inside) const {
+  if (points_.size() < 3) return false;
+  MemImage* mem = labelMap.mem();
+  auto* typed = dynamic_cast<TypedImage<unsigned char>*>(mem);
+  if (!typed || typed->descriptor().channels != 1) return false;
+  std::vector<Eigen::Vector2d> outline;
+  for (const Eigen::Vector3d& p : Spline(points_, true).polyline()) outline.push_back(labelMap.worldToPixel(p).head<2>());
+  const PolygonRegion region(outline);
+  const Eigen::Vector3i dims = typed->descriptor().dimensions;
+  const size_t sliceSize = static_cast<size_t>(dims[0]) * static_cast<size_t>(dims[1]);
+  unsigned char* data = typed->pointer();
+  // Whole pixel indices are voxel centres.
+  for (int y = 0; y < dims[1]; ++y)
+    for (int x = 0; x < dims[0]; ++x) {
+      const unsigned char v = region.contains(Eigen::Vector2d(x, y)) ? inside : 0;
+      for (int z = 0; z < dims[2]; ++z) data[z * sliceSize + static_cast<size_t>(y) * dims[0] + x] = v;
+    }
+  labelMap.setDirtyMem();
+  return true;
 }
 
 }  // namespace Merivane

@@ -6,6 +6,8 @@
 
 namespace Merivane {
 
+class SharedImage;
+
 class Spline {
  public:
   Spline() = default;
@@ -27,6 +29,15 @@ class Spline {
   // below 2 keep all), each the mean of the `skipFactor` points round it. `refine` instead
   // re-places the kept points evenly by arc length on this curve.
   Spline getApproximateClosedSpline(int skipFactor, bool refine = false) const;
+  // The curve as a fine polyline through all control points (the control points themselves
+  // with fewer than two); a closed curve does not repeat its first point at the end.
+  std::vector<Eigen::Vector3d> polyline() const;
+
+  // Fills the closed curve into a U8 one-channel image: each voxel whose centre, in the
+  // image's pixel coordinates, lies inside the curve's outline on the x-y plane gets `inside`,
+  // every other voxel 0; all slices alike. False, with the image untouched, for fewer than
+  // three points or an image that is not U8 with one channel in memory.
+  bool convertToLabelMap(SharedImage& labelMap, unsigned char inside = 255) const;
 
  private:
   void buildTable() const;
