@@ -42,16 +42,6 @@ const char* kUsage =
     "Log lines go to stderr as [LEVEL] category: message. Images: .nii .nii.gz .nrrd .nhdr .mha\n"
     ".mhd .png; meshes: .ply .stl .obj; world coordinates are LPS millimetres.\n";
 
-std::string defaultPluginPath(const char* argv0) {
-  if (const char* env = std::getenv("MERIVANE_PLUGIN")) return env;
-  std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  if (ec) self = fs::absolute(argv0);
-  const fs::path dir = self.parent_path();
-  for (const fs::path& candidate : {dir / "libMerivaneSeg.so", dir / ".." / "lib" / "libMerivaneSeg.so"})
-    if (fs::exists(candidate)) return candidate.lexically_normal().string();
-  return (dir / ".." / "lib" / "libMerivaneSeg.so").lexically_normal().string();
-}
 
 }  // namespace
 

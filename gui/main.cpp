@@ -40,16 +40,6 @@ constexpr char kUsage[] =
     "drag turns the scene. Exit status with --screenshot: 0 done, 1 an algorithm failed,\n"
     "2 bad command line, 3 a file could not be read or written, 4 an algorithm did not apply.\n";
 
-std::string defaultPluginPath(const char* argv0) {
-  if (const char* env = std::getenv("MERIVANE_PLUGIN")) return env;
-  std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  if (ec) self = fs::absolute(argv0);
-  const fs::path dir = self.parent_path();
-  for (const fs::path& candidate : {dir / "libMerivaneSeg.so", dir / ".." / "lib" / "libMerivaneSeg.so"})
-    if (fs::exists(candidate)) return candidate.lexically_normal().string();
-  return (dir / "libMerivaneSeg.so").string();
-}
 
 struct Run {
   std::string name;

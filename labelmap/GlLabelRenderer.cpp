@@ -6,6 +6,7 @@
 
 #include "GlContext.h"
 #include "GlImage.h"
+#include "GlPrimitives.h"
 #include "GlProgram.h"
 #include "GlStateGuard.h"
 #include "GlView.h"
@@ -57,46 +58,14 @@ bool ensureProgram(internal::LabelProgramState& s, const char* fragmentPath, boo
   return s.program->compile(*vertex, fragment);
 }
 
-// Loads the four corners of the view's slice as two triangles.
+// The view's slice as two triangles, blended over what is drawn (770, 771).
 void drawSliceQuad(internal::LabelProgramState& s, const GlSliceView& view) {
-  if (!s.vao) {
-    glCreateVertexArrays(1, &s.vao);
-    glCreateBuffers(1, &s.vbo);
-  }
-  const Slice& slice = view.slice().slice();
-  float quad[18];
-  const int order[6] = {0, 1, 2, 0, 2, 3};
-  for (int i = 0; i < 6; ++i) {
-    const Eigen::Vector3d c = slice.corner(order[i]);
-    for (int k = 0; k < 3; ++k) quad[i * 3 + k] = static_cast<float>(c[k]);
-  }
-  glNamedBufferData(s.vbo, sizeof(quad), quad, GL_STREAM_DRAW);
-  glVertexArrayVertexBuffer(s.vao, 0, s.vbo, 0, 3 * sizeof(float));
-  glVertexArrayAttribFormat(s.vao, 0, 3, GL_FLOAT, GL_FALSE, 0);
-  glVertexArrayAttribBinding(s.vao, 0, 0);
-  glEnableVertexArrayAttrib(s.vao, 0);
-  glBindVertexArray(s.vao);
   glEnable(GL_BLEND);
-  glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);  // 770, 771
-  glDrawArrays(GL_TRIANGLES, 0, 6);
+  glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+  GL::drawSliceQuad(s.vao, s.vbo, view.slice().slice());
 }
 
-Geometry::AlignedBox boxOf(const SharedImage* image) {
-  Geometry::AlignedBox box;
-  if (!image) return box;
-  const Eigen::Matrix4d t = image->textureToWorldMatrix();
-  Eigen::Vector3d lo = Eigen::Vector3d::Constant(1e300), hi = -lo;
-  for (int c = 0; c < 8; ++c) {
-    const Eigen::Vector4d p = t * Eigen::Vector4d(c & 1, (c >> 1) & 1, (c >> 2) & 1, 1);
-    lo = lo.cwiseMin(p.head<3>());
-    hi = hi.cwiseMax(p.head<3>());
-  }
-  for (size_t i = 0; i < 3; ++i) {
-    box.min[i] = lo[static_cast<int>(i)];
-    box.max[i] = hi[static_cast<int>(i)];
-  }
-  return box;
-}
+Geometry::AlignedBox boxOf(const SharedImage* image) { return image ? image->worldBounds() : Geometry::AlignedBox{}; }
 
 // The component's 256 colours, as the renderer keeps them.
 template <typename V>

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <mutex>
 
@@ -195,6 +196,18 @@ void PluginManager::unloadAll() {
   // code lives in an earlier library.
   for (void* h : handles_) dlclose(h);
   handles_.clear();
+}
+
+std::string defaultPluginPath(const char* argv0) {
+  namespace fs = std::filesystem;
+  if (const char* env = std::getenv("MERIVANE_PLUGIN")) return env;
+  std::error_code ec;
+  fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  if (ec) self = fs::absolute(argv0 ? argv0 : ".", ec);
+  const fs::path dir = self.parent_path();
+  for (const fs::path& candidate : {dir / "libMerivaneSeg.so", dir / ".." / "lib" / "libMerivaneSeg.so"})
+    if (fs::exists(candidate, ec)) return candidate.lexically_normal().string();
+  return (dir / ".." / "lib" / "libMerivaneSeg.so").lexically_normal().string();
 }
 
 }  // namespace Merivane

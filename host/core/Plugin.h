@@ -39,6 +39,10 @@ class PluginAutoRegistrationGuard {
 // Loads plug-in libraries through their three entry points, resolves dependencies (built-in
 // plug-ins by id first, then libraries beside the requesting one), calls init() once and
 // unloads in reverse order.
+// The plug-in library a program loads when told nothing: $MERIVANE_PLUGIN, else
+// libMerivaneSeg.so beside the program or in ../lib.
+std::string defaultPluginPath(const char* argv0);
+
 class PluginManager {
  public:
   using BuiltinCreator = std::function<std::unique_ptr<PluginBase>()>;

@@ -138,6 +138,26 @@ void lines(const GlView& view, const std::vector<Eigen::Vector3f>& points, const
 
 const char* fixedFunctionVertexSource() { return kVertex; }
 
+void drawSliceQuad(unsigned int& vertexArray, unsigned int& buffer, const Slice& slice) {
+  if (!vertexArray) {
+    glCreateVertexArrays(1, &vertexArray);
+    glCreateBuffers(1, &buffer);
+  }
+  float quad[18];
+  const int order[6] = {0, 1, 2, 0, 2, 3};
+  for (int i = 0; i < 6; ++i) {
+    const Eigen::Vector3d c = slice.corner(order[i]);
+    for (int k = 0; k < 3; ++k) quad[i * 3 + k] = static_cast<float>(c[k]);
+  }
+  glNamedBufferData(buffer, sizeof(quad), quad, GL_STREAM_DRAW);
+  glVertexArrayVertexBuffer(vertexArray, 0, buffer, 0, 3 * sizeof(float));
+  glVertexArrayAttribFormat(vertexArray, 0, 3, GL_FLOAT, GL_FALSE, 0);
+  glVertexArrayAttribBinding(vertexArray, 0, 0);
+  glEnableVertexArrayAttrib(vertexArray, 0);
+  glBindVertexArray(vertexArray);
+  glDrawArrays(GL_TRIANGLES, 0, 6);
+}
+
 void registerResources() {
   static Repository_MerivaneGL repository;
   Resource::addRepository(&repository);

@@ -6,6 +6,7 @@
 
 namespace Merivane {
 class GlView;
+class Slice;
 }
 
 namespace Merivane::GL {
@@ -19,6 +20,10 @@ void drawSegments(const GlView& view, const std::vector<Eigen::Vector3f>& points
 // Triangles (three points each) with a head light; normals per point, or flat when empty.
 void drawTriangles(const GlView& view, const std::vector<Eigen::Vector3f>& points,
                    const std::vector<Eigen::Vector3f>& normals, const Eigen::Vector4f& color);
+
+// Draws the rectangle of `slice` as two triangles with the program in use, through a vertex
+// array and buffer the caller keeps (made here on first use, freed by the caller).
+void drawSliceQuad(unsigned int& vertexArray, unsigned int& buffer, const Slice& slice);
 
 // The vertex stage every view object shares ("MerivaneGL/FixedFunctionPipeline.vert"): world
 // positions at location 0, u_projectionMatrix and u_viewMatrix, world position out as

@@ -112,20 +112,7 @@ void GlSliceRendererImage::autoWindowLevel() {
 }
 
 Geometry::AlignedBox GlSliceRendererImage::bounds() const {
-  Geometry::AlignedBox box;
-  if (!image_) return box;
-  const Eigen::Matrix4d t = image_->textureToWorldMatrix();
-  Eigen::Vector3d lo = Eigen::Vector3d::Constant(1e300), hi = -lo;
-  for (int c = 0; c < 8; ++c) {
-    const Eigen::Vector4d p = t * Eigen::Vector4d(c & 1, (c >> 1) & 1, (c >> 2) & 1, 1);
-    lo = lo.cwiseMin(p.head<3>());
-    hi = hi.cwiseMax(p.head<3>());
-  }
-  for (int i = 0; i < 3; ++i) {
-    box.min[static_cast<size_t>(i)] = lo[i];
-    box.max[static_cast<size_t>(i)] = hi[i];
-  }
-  return box;
+  return image_ ? image_->worldBounds() : Geometry::AlignedBox{};
 }
 
 void GlSliceRendererImage::draw(const GlView& view) {
@@ -168,23 +155,6 @@ void GlSliceRendererImage::draw(const GlView& view) {
   if (!program->valid()) return;
 
   GL::StateGuard guard;
-  if (!gl_->vao) {
-    glCreateVertexArrays(1, &gl_->vao);
-    glCreateBuffers(1, &gl_->vbo);
-  }
-  float quad[18];
-  const int order[6] = {0, 1, 2, 0, 2, 3};
-  for (int i = 0; i < 6; ++i) {
-    const Eigen::Vector3d c = plane->corner(order[i]);
-    for (int k = 0; k < 3; ++k) quad[i * 3 + k] = static_cast<float>(c[k]);
-  }
-  glNamedBufferData(gl_->vbo, sizeof(quad), quad, GL_STREAM_DRAW);
-  glVertexArrayVertexBuffer(gl_->vao, 0, gl_->vbo, 0, 3 * sizeof(float));
-  glVertexArrayAttribFormat(gl_->vao, 0, 3, GL_FLOAT, GL_FALSE, 0);
-  glVertexArrayAttribBinding(gl_->vao, 0, 0);
-  glEnableVertexArrayAttrib(gl_->vao, 0);
-  glBindVertexArray(gl_->vao);
-
   program->use();
   Eigen::Matrix4d worldToTexture = ignoreMatrix_ ? image_->imageToTextureMatrix() : image_->worldToTextureMatrix();
   program->setArgument("u_worldToTexture", worldToTexture);
@@ -203,7 +173,7 @@ void GlSliceRendererImage::draw(const GlView& view) {
     glEnable(GL_DEPTH_TEST);
     glDepthFunc(GL_LEQUAL);
   }
-  glDrawArrays(GL_TRIANGLES, 0, 6);
+  GL::drawSliceQuad(gl_->vao, gl_->vbo, *plane);
 }
 
 }  // namespace Merivane

@@ -119,39 +119,24 @@ void DefaultAlgorithmController::buildForm() {
       for (const QString& v : QString::fromStdString(p->attribute("values")).split(','))
         box->addItem(v.trimmed());
       box->setCurrentIndex(std::stoi(p->text()));
-      connect(box, QOverload<int>::of(&QComboBox::currentIndexChanged), this, [this, p, name](int v) {
-        if (updating_) return;
-        Properties props;
-        props.setParam(name, v);
-        p->configure(&props);
-        onParameterChanged(name);
-      });
+      connect(box, QOverload<int>::of(&QComboBox::currentIndexChanged), this,
+              [this, p, name](int v) { setFromText(p, name, std::to_string(v)); });
       editor = box;
     } else if (isA<int>(p) || isA<unsigned int>(p)) {
       auto* box = new QSpinBox(this);
       box->setRange(static_cast<int>(std::max(-2147483647.0, attributeNumber(*p, "min", -2147483647.0))),
                     static_cast<int>(std::min(2147483647.0, attributeNumber(*p, "max", 2147483647.0))));
       box->setValue(std::stoi(p->text()));
-      connect(box, QOverload<int>::of(&QSpinBox::valueChanged), this, [this, p, name](int v) {
-        if (updating_) return;
-        Properties props;
-        props.setParam(name, v);
-        p->configure(&props);
-        onParameterChanged(name);
-      });
+      connect(box, QOverload<int>::of(&QSpinBox::valueChanged), this,
+              [this, p, name](int v) { setFromText(p, name, std::to_string(v)); });
       editor = box;
     } else if (isA<double>(p) || isA<float>(p)) {
       auto* box = new QDoubleSpinBox(this);
       box->setDecimals(6);
       box->setRange(attributeNumber(*p, "min", -1e12), attributeNumber(*p, "max", 1e12));
       box->setValue(std::stod(p->text()));
-      connect(box, QOverload<double>::of(&QDoubleSpinBox::valueChanged), this, [this, p, name](double v) {
-        if (updating_) return;
-        Properties props;
-        props.setParam(name, v);
-        p->configure(&props);
-        onParameterChanged(name);
-      });
+      connect(box, QOverload<double>::of(&QDoubleSpinBox::valueChanged), this,
+              [this, p, name](double v) { setFromText(p, name, QString::number(v, 'g', 17).toStdString()); });
       editor = box;
     } else {
       // Text, vectors and the rest: the value as Properties write it.
@@ -178,13 +163,8 @@ void DefaultAlgorithmController::buildForm() {
         });
         line->setToolTip(tooltipOf(*p));
         line->setObjectName(QString::fromStdString(name));
-        connect(line, &QLineEdit::editingFinished, this, [this, p, line, name] {
-          if (updating_) return;
-          Properties props;
-          props.setParam(name, line->text().toStdString());
-          p->configure(&props);
-          onParameterChanged(name);
-        });
+        connect(line, &QLineEdit::editingFinished, this,
+                [this, p, line, name] { setFromText(p, name, line->text().toStdString()); });
         editors_[name] = line;
         form_->addRow(label, row);
         continue;
@@ -197,10 +177,7 @@ void DefaultAlgorithmController::buildForm() {
           status_->setText(tr("'%1' is not a value of %2").arg(line->text(), QString::fromStdString(name)));
           return;
         }
-        Properties props;
-        props.setParam(name, text);
-        p->configure(&props);
-        onParameterChanged(name);
+        setFromText(p, name, text);
       });
       editor = line;
     }
@@ -209,6 +186,14 @@ void DefaultAlgorithmController::buildForm() {
     editors_[name] = editor;
     form_->addRow(label, editor);
   }
+}
+
+void DefaultAlgorithmController::setFromText(ParameterBase* p, const std::string& name, const std::string& text) {
+  if (updating_) return;
+  Properties props;
+  props.setParam(name, text);
+  p->configure(&props);
+  onParameterChanged(name);
 }
 
 void DefaultAlgorithmController::updatePropertiesWidget() {

@@ -25,6 +25,7 @@ namespace Merivane {
 class DataModel;
 class Progress;
 class OwningDataList;
+class ParameterBase;
 
 class DefaultAlgorithmController : public QWidget, public AlgorithmController {
   Q_OBJECT
@@ -76,6 +77,8 @@ class DefaultAlgorithmController : public QWidget, public AlgorithmController {
 
  private:
   void buildForm();
+  // Gives the parameter a value written as Properties write it, as a control changed it.
+  void setFromText(ParameterBase* p, const std::string& name, const std::string& text);
   QString title_;
   bool flag1_, flag2_;
   QFormLayout* form_ = nullptr;

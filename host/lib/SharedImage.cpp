@@ -1,5 +1,7 @@
 #include "SharedImage.h"
 
+#include <limits>
+
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 #include <stdexcept>
@@ -149,6 +151,22 @@ Eigen::Matrix4d SharedImage::textureToWorldMatrix() const {
   t.diagonal().head<3>() = e;
   t.block<3, 1>(0, 3) = -0.5 * e;
   return matrix_ * t;
+}
+
+Geometry::AlignedBox SharedImage::worldBounds() const {
+  const Eigen::Matrix4d t = textureToWorldMatrix();
+  Eigen::Vector3d lo = Eigen::Vector3d::Constant(std::numeric_limits<double>::infinity()), hi = -lo;
+  for (int c = 0; c < 8; ++c) {
+    const Eigen::Vector4d p = t * Eigen::Vector4d(c & 1, (c >> 1) & 1, (c >> 2) & 1, 1);
+    lo = lo.cwiseMin(p.head<3>());
+    hi = hi.cwiseMax(p.head<3>());
+  }
+  Geometry::AlignedBox box;
+  for (int i = 0; i < 3; ++i) {
+    box.min[static_cast<size_t>(i)] = lo[i];
+    box.max[static_cast<size_t>(i)] = hi[i];
+  }
+  return box;
 }
 
 Eigen::Matrix4d SharedImage::worldToTextureMatrix() const { return textureToWorldMatrix().inverse(); }

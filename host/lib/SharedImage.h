@@ -70,6 +70,8 @@ class SharedImage {
   Eigen::Matrix4d imageToWorldMatrix() const { return matrix_; }
   Eigen::Matrix4d textureToWorldMatrix() const;
   Eigen::Matrix4d worldToTextureMatrix() const;
+  // The world box round the image's eight outer corners.
+  Geometry::AlignedBox worldBounds() const;
   Eigen::Matrix4d imageToTextureMatrix() const;
 
   // Bytes held by the memory copy.
