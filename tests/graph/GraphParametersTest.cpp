@@ -161,8 +161,11 @@ TEST(GraphParameters, MinLevelAboveTheLevelsMadeWarnsAndComputesTheCoarsest) {
     EXPECT_EQ(a->status(), Algorithm::statusSuccess);
     EXPECT_EQ(log.count(Log::Error), 0);
     ASSERT_EQ(log.count(Log::Warning, "Seg.GraphLaplacianAlgorithm"), 1);
-    for (const auto& line : log.lines())
-      if (line.level == Log::Warning) EXPECT_EQ(line.message, "Min Level 50 is above the levels made (1); computing level 1 instead");
+    for (const auto& line : log.lines()) {
+      if (line.level == Log::Warning) {
+        EXPECT_EQ(line.message, "Min Level 50 is above the levels made (1); computing level 1 instead");
+      }
+    }
   }
 }
 
