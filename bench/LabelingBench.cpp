@@ -13,6 +13,7 @@
 #include "LabelPainter.h"
 #include "Repository_MerivaneSeg.h"
 #include "Resource.h"
+#include "ThresholdTool.h"
 #include "SharedImageSet.h"
 
 namespace {
@@ -127,6 +128,33 @@ BENCHMARK(BM_FilterInput)
     ->UseRealTime()
     ->Iterations(1);
 BENCHMARK(BM_FilterInput)->Args({1, 0})->Args({1, 50})->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Threshold tool: one apply of a range into the label map, on the GL side (the texture stays
+// resident; with state.range(1) the memory copy is read back as well, as a save would).
+// state.range(0): slices of 512 x 512.
+void BM_ThresholdApply(benchmark::State& state) {
+  if (!GL::Context::available()) {
+    state.SkipWithError("no OpenGL context");
+    return;
+  }
+  Session s({512, 512, static_cast<int>(state.range(0))});
+  Seg::ThresholdTool tool;
+  tool.setTargetLabelMap(s.image.get(), s.labels.get());
+  tool.setRangeOriginal(900, 1100);
+  int label = 1;
+  for (auto _ : state) {
+    tool.setActiveLabel(static_cast<unsigned char>(label));
+    label = label % 250 + 1;
+    if (tool.apply(-1) != 1) state.SkipWithError("apply failed");
+    if (state.range(1)) s.labels->mem();
+    GL::Context::instance()->finish();
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.dims.prod()));
+}
+BENCHMARK(BM_ThresholdApply)
+    ->ArgsProduct({{1, 300}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace
 

@@ -30,6 +30,8 @@ constexpr Written kWritten[] = {
     {"LabelPainterMerge.frag", kShader_LabelPainterMerge_frag, sizeof(kShader_LabelPainterMerge_frag) - 1},
     {"LabelPainterThreshold.frag", kShader_LabelPainterThreshold_frag,
      sizeof(kShader_LabelPainterThreshold_frag) - 1},
+    {"ThresholdToolApply.frag", kShader_ThresholdToolApply_frag, sizeof(kShader_ThresholdToolApply_frag) - 1},
+    {"ThresholdToolPreview.frag", kShader_ThresholdToolPreview_frag, sizeof(kShader_ThresholdToolPreview_frag) - 1},
 };
 
 constexpr char kPlaceholderBody[] =

@@ -2,8 +2,11 @@
 
 #include <epoxy/gl.h>
 
+#include <cstdio>
+
 #include "GlFramebuffer.h"
 #include "GlImage.h"
+#include "GlUtils.h"
 
 namespace Merivane::GL {
 
@@ -14,6 +17,23 @@ const char* ImageProgram::vertexSource() {
          "  vec2 p = vec2((gl_VertexID << 1) & 2, gl_VertexID & 2);\n"
          "  gl_Position = vec4(p * 2.0 - 1.0, 0.0, 1.0);\n"
          "}\n";
+}
+
+std::string ImageProgram::genericSamplerDefine(const ImageDescriptor& d) {
+  const int format = GlImage::defaultInternalFormat(d.pixelType, d.channels);
+  if (format == 0) return {};
+  const char kind = GlImage::samplerKind(format);
+  const bool volume = d.slices() > 1;
+  std::string s = "#define GENERIC_SAMPLER ";
+  s += kind == 'u' ? "usampler" : kind == 'i' ? "isampler" : "sampler";
+  s += volume ? "3D\n#define GENERIC_3D\n" : "2D\n";
+  const GlUtils::Normalization n = GlUtils::normalization(d);
+  if (!n.integer) return s + "#define GENERIC_NORMALIZED(t) ((t).r)\n";
+  // Whole numbers up to 2^32 print exactly; the trailing ".0" keeps them float literals.
+  char buffer[160];
+  std::snprintf(buffer, sizeof(buffer), "#define GENERIC_NORMALIZED(t) ((float((t).r) - (%.1f)) / %.1f)\n", n.offset,
+                n.range);
+  return s + buffer;
 }
 
 ImageProgram::ImageProgram() = default;

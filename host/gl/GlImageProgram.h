@@ -8,6 +8,10 @@
 
 #include "GlProgram.h"
 
+namespace Merivane {
+struct ImageDescriptor;
+}
+
 namespace Merivane::GL {
 
 class Framebuffer;
@@ -27,6 +31,13 @@ class ImageProgram : public Program {
   bool compute(GlImage& target, const Cuboid& box);
   // The vertex stage, for programs that want to build their own.
   static const char* vertexSource();
+  // Defines that let one program text read the texture of any image like `d`:
+  //   GENERIC_SAMPLER        the sampler type (float, int or uint; 2D for one slice, else 3D)
+  //   GENERIC_3D             defined for a volume
+  //   GENERIC_NORMALIZED(t)  the first channel of texel t as a float in the normalised units of
+  //                          GlUtils::storageToNormalized
+  // Empty for a type without a texture form.
+  static std::string genericSamplerDefine(const ImageDescriptor& d);
 
  private:
   std::unique_ptr<Framebuffer> framebuffer_;

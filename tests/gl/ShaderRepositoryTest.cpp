@@ -73,9 +73,10 @@ TEST(ShaderRepository, EveryProgramCompilesWithAndWithoutCallerDefines) {
     for (const std::string& source : {text, withDefines}) {
       bool ok = false;
       std::string log;
-      // Overlay programs draw on view planes behind the shared vertex stage; the others run
-      // once per texel behind the image-program stage.
-      const bool overlay = std::string(name).find("Renderer") != std::string::npos;
+      // Overlay programs (renderers and tool previews) draw on view planes behind the shared
+      // vertex stage; the others run once per texel behind the image-program stage.
+      const std::string n(name);
+      const bool overlay = n.find("Renderer") != std::string::npos || n.find("ToolPreview") != std::string::npos;
       GL::runOnGlThread([&] {
         if (overlay) {
           GL::Program p;
