@@ -309,7 +309,15 @@ void LabelingManipulator::clear() {
   MemImage* mem = labelMap_.mem();
   if (!mem) return;
   recordUndo();
-  std::memset(mem->data(), 0, mem->descriptor().elementCount());
+  // Locked labels stay, as under the eraser.
+  auto* p = static_cast<uint8_t*>(mem->data());
+  bool any = false;
+  for (size_t i = 0, n = mem->descriptor().elementCount(); i < n; ++i)
+    if (p[i] != 0 && !painter_.preserveLabel(p[i])) {
+      p[i] = 0;
+      any = true;
+    }
+  if (!any) return;
   labelMap_.get()->setDirtyMem();
   commitUndo("Clear");
   labelsChanged.emitSignal();

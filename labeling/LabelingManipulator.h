@@ -65,7 +65,7 @@ class LabelingManipulator : public GUI::ViewObject::EventHandler, public SignalR
   // Called whenever the views should be drawn again.
   void setUpdateViews(std::function<void()> update) { updateViews_ = std::move(update); }
 
-  // Sets every voxel of the focused label frame to 0, as one undo step.
+  // Sets every voxel of the focused label frame to 0, locked labels aside, as one undo step.
   void clear();
   // Sets the voxels of value 0 in the given frames to the current label, as one undo step.
   // Frames beyond the set are skipped; true when any voxel changed.
