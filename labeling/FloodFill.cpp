@@ -85,10 +85,17 @@ class Filler {
   }
   size_t rowStart(int z, int y) const { return (static_cast<size_t>(z) * h_ + y) * static_cast<size_t>(w_); }
 
-  // Works off `stack` inside slab k; runs crossing into the slab below or above go to the
-  // out boxes. False when cancelled.
-  bool fillSlab(int k, std::vector<Span>& stack, std::vector<Span>& down, std::vector<Span>& up, int64_t& filled) {
+  // Works off the runs handed to slab k. Slices are swept up and down, each filled from its
+  // pending runs with a stack of its own before the next: a slice (a few hundred KB) stays in
+  // cache while it is filled, and runs for the next slice of the sweep are ready when it
+  // comes. Runs crossing into the slab below or above go to the out boxes. False when
+  // cancelled.
+  bool fillSlab(int k, std::vector<Span>& inbox, std::vector<Span>& down, std::vector<Span>& up, int64_t& filled) {
     const int z0 = slabStart_[k], z1 = slabStart_[k + 1];
+    std::vector<std::vector<Span>> pending(static_cast<size_t>(z1 - z0));
+    for (const Span& s : inbox) pending[s.z - z0].push_back(s);
+    inbox.clear();
+    std::vector<Span> stack;
     int sinceCheck = 0;
     int64_t reported = 0;
     auto push = [&](int z, int y, int x0, int x1) {
@@ -98,46 +105,63 @@ class Filler {
       if (x0 > x1) return;
       if (z < z0) down.push_back({z, y, x0, x1});
       else if (z >= z1) up.push_back({z, y, x0, x1});
-      else stack.push_back({z, y, x0, x1});
+      else pending[z - z0].push_back({z, y, x0, x1});
     };
-    while (!stack.empty()) {
-      const Span s = stack.back();
-      stack.pop_back();
-      if (++sinceCheck == kCancelCheckEvery) {
-        sinceCheck = 0;
-        if (options_.canceled && options_.canceled->load(std::memory_order_relaxed)) return false;
-        if (options_.filledSoFar) {
-          options_.filledSoFar->fetch_add(filled - reported, std::memory_order_relaxed);
-          reported = filled;
-        }
-      }
-      const size_t row = rowStart(s.z, s.y);
-      int x = s.x0;
-      while (x <= s.x1) {
-        if (!fillable_(labels_, row + x)) {
-          ++x;
-          continue;
-        }
-        int a = x, b = x;
-        while (a > 0 && fillable_(labels_, row + a - 1)) --a;
-        while (b + 1 < w_ && fillable_(labels_, row + b + 1)) ++b;
-        std::memset(labels_ + row + a, label_, static_cast<size_t>(b - a + 1));
-        filled += b - a + 1;
-        push(s.z, s.y - 1, a, b);
-        push(s.z, s.y + 1, a, b);
-        for (int dz : {-1, 1}) {
-          push(s.z + dz, s.y - 1, a, b);
-          push(s.z + dz, s.y + 1, a, b);
-          // x±1 of a one-voxel run skips the voxel right above it; longer runs cover it.
-          if (a == b) {
-            push(s.z + dz, s.y, a - 1, a - 1);
-            push(s.z + dz, s.y, a + 1, a + 1);
-          } else {
-            push(s.z + dz, s.y, a - 1, b + 1);
+    auto fillSlice = [&](int z) -> bool {
+      stack.swap(pending[z - z0]);
+      while (!stack.empty()) {
+        const Span s = stack.back();
+        stack.pop_back();
+        if (++sinceCheck == kCancelCheckEvery) {
+          sinceCheck = 0;
+          if (options_.canceled && options_.canceled->load(std::memory_order_relaxed)) return false;
+          if (options_.filledSoFar) {
+            options_.filledSoFar->fetch_add(filled - reported, std::memory_order_relaxed);
+            reported = filled;
           }
         }
-        x = b + 2;  // b + 1 is not fillable
+        const size_t row = rowStart(s.z, s.y);
+        int x = s.x0;
+        while (x <= s.x1) {
+          if (!fillable_(labels_, row + x)) {
+            ++x;
+            continue;
+          }
+          int a = x, b = x;
+          while (a > 0 && fillable_(labels_, row + a - 1)) --a;
+          while (b + 1 < w_ && fillable_(labels_, row + b + 1)) ++b;
+          std::memset(labels_ + row + a, label_, static_cast<size_t>(b - a + 1));
+          filled += b - a + 1;
+          if (s.y > 0) stack.push_back({s.z, s.y - 1, a, b});
+          if (s.y + 1 < h_) stack.push_back({s.z, s.y + 1, a, b});
+          for (int dz : {-1, 1}) {
+            push(s.z + dz, s.y - 1, a, b);
+            push(s.z + dz, s.y + 1, a, b);
+            // x±1 of a one-voxel run skips the voxel right above it; longer runs cover it.
+            if (a == b) {
+              push(s.z + dz, s.y, a - 1, a - 1);
+              push(s.z + dz, s.y, a + 1, a + 1);
+            } else {
+              push(s.z + dz, s.y, a - 1, b + 1);
+            }
+          }
+          x = b + 2;  // b + 1 is not fillable
+        }
       }
+      return true;
+    };
+    for (bool any = true; any;) {
+      any = false;
+      for (int z = z0; z < z1; ++z)
+        if (!pending[z - z0].empty()) {
+          if (!fillSlice(z)) return false;
+          any = true;
+        }
+      for (int z = z1 - 1; z >= z0; --z)
+        if (!pending[z - z0].empty()) {
+          if (!fillSlice(z)) return false;
+          any = true;
+        }
     }
     if (options_.filledSoFar) options_.filledSoFar->fetch_add(filled - reported, std::memory_order_relaxed);
     return true;

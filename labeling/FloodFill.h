@@ -7,7 +7,8 @@
 //
 // The walk is over row runs, not voxels: a run of fillable voxels is found and written with
 // one memset, and only the rows next to it are scanned for further runs, so the cost follows
-// the bytes scanned. In parallel the volume is cut into z slabs; each slab fills what it can
+// the bytes scanned; slices are swept up and down so that each is filled while it sits in
+// cache. In parallel the volume is cut into z slabs; each slab fills what it can
 // reach and hands the runs that cross its border to its neighbour, round after round, until
 // no slab has work. The filled set is the connected component, whatever the order, so the
 // result does not depend on the thread count.
