@@ -34,6 +34,8 @@ using Voxels = std::vector<uint8_t>;
 namespace Ref = Seg::Reference;
 
 QApplication& app() {
+  // The brush tests of this program may have made it already.
+  if (auto* existing = qobject_cast<QApplication*>(QCoreApplication::instance())) return *existing;
   static int argc = 1;
   static char name[] = "LabelingToolTests";
   static char* argv[] = {name, nullptr};
