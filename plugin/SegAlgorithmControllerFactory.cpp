@@ -7,6 +7,8 @@
 #include "LabelStatisticsAlgorithm.h"
 #include "LabelStatisticsController.h"
 #include "LabelToMeshAlgorithm.h"
+#include "LabelingAlgorithm.h"
+#include "LabelingController.h"
 #include "MarkAsLabelMapAlgorithm.h"
 #include "WatershedSegmentationAlgorithm.h"
 
@@ -27,6 +29,7 @@ AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm)
   if (!algorithm) return nullptr;
   // Rows in table order; the first class that matches wins. Rows whose algorithm or panel
   // does not exist yet are left out, and the host then offers its generated panel.
+  if (auto* labeling = dynamic_cast<LabelingAlgorithm*>(algorithm)) return new LabelingController(labeling);
   if (is<LabelToMeshAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, false);
   if (auto* statistics = dynamic_cast<LabelStatisticsAlgorithm*>(algorithm))
     return new LabelStatisticsController(statistics);

@@ -6,6 +6,7 @@
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
+#include "LabelingAlgorithm.h"
 #include "LabelToMeshAlgorithm.h"
 #include "MakeCompatibleLabelMapAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
@@ -17,6 +18,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
+  registerAlgorithm<LabelingAlgorithm>("Labeling", "Segmentation;Labeling");
   registerAlgorithm<LabelStatisticsAlgorithm>("LabelStatistics", "Segmentation;Statistics");
   registerAlgorithm<MakeCompatibleLabelMapAlgorithm>("MakeCompatibleLabelMap",
                                                      "Segmentation;Make Compatible Label Map");

@@ -119,4 +119,16 @@ void DataModel::notifyChanged(Data* data) {
   if (contains(data)) dataChanged.emitSignal(data);
 }
 
+void DataModel::setBusy(const Data* data, bool busy) {
+  if (busy) {
+    busy_.push_back(data);
+  } else if (auto it = std::find(busy_.begin(), busy_.end(), data); it != busy_.end()) {
+    busy_.erase(it);
+  }
+}
+
+bool DataModel::isBusy(const Data* data) const {
+  return data && std::find(busy_.begin(), busy_.end(), data) != busy_.end();
+}
+
 }  // namespace Merivane

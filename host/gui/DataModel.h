@@ -55,6 +55,11 @@ class DataModel {
   void setSelected(const DataList& selection);
   const DataList& selected() const { return selected_; }
 
+  // Items an algorithm is working on in the background: tools that write into data check this
+  // before they touch it. Counted, so nested marks need as many unmarks.
+  void setBusy(const Data* data, bool busy);
+  bool isBusy(const Data* data) const;
+
   Signal<Data*> dataAdded;
   Signal<Data*> dataAboutToBeRemoved;
   // Content or properties of an item changed (an algorithm wrote into it, a colour changed).
@@ -71,6 +76,7 @@ class DataModel {
   std::vector<std::unique_ptr<DataGroup>> groups_;
   std::vector<std::pair<Data*, Data*>> links_;
   DataList selected_;
+  std::vector<const Data*> busy_;
 };
 
 }  // namespace Merivane

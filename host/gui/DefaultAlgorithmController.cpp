@@ -91,7 +91,11 @@ DefaultAlgorithmController::DefaultAlgorithmController(Algorithm* algorithm, con
   setWindowTitle(title_);
 }
 
-DefaultAlgorithmController::~DefaultAlgorithmController() { cancelAndWait(); }
+DefaultAlgorithmController::~DefaultAlgorithmController() {
+  cancelAndWait();
+  if (dataModel_)
+    for (Data* d : busyInputs_) dataModel_->setBusy(d, false);
+}
 
 int DefaultAlgorithmController::init() {
   buildForm();
@@ -268,6 +272,10 @@ void DefaultAlgorithmController::onCompute() {
   bar_->setRange(0, 0);
   status_->setText(tr("Computing..."));
   emit computeStarted();
+  if (dataModel_) {
+    busyInputs_ = algorithm_->factoryInfo().input.items();
+    for (Data* d : busyInputs_) dataModel_->setBusy(d, true);
+  }
   Algorithm* a = algorithm_;
   watcher_.setFuture(QtConcurrent::run([a] {
     try {
@@ -292,6 +300,9 @@ void DefaultAlgorithmController::pollProgress() {
 
 void DefaultAlgorithmController::onComputeDone() {
   poll_->stop();
+  if (dataModel_)
+    for (Data* d : busyInputs_) dataModel_->setBusy(d, false);
+  busyInputs_.clear();
   bar_->setVisible(false);
   compute_->setEnabled(true);
   cancel_->setEnabled(false);

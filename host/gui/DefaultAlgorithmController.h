@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Controller.h"
 
@@ -91,6 +92,7 @@ class DefaultAlgorithmController : public QWidget, public AlgorithmController {
   std::unique_ptr<Progress> progress_;
   QFutureWatcher<void> watcher_;
   DataModel* dataModel_ = nullptr;
+  std::vector<Data*> busyInputs_;  // marked busy in the data model while computing
   int lastStatus_ = -1;
   bool updating_ = false;
 };

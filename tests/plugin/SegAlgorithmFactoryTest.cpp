@@ -125,7 +125,8 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->isCompatible(DataList{})) << d->id;
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.LabelToMesh", "Seg.LabelStatistics",
+  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.LabelToMesh", "Seg.Labeling",
+                                           "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
                                            "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours"}));
 }
