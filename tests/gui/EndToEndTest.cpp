@@ -16,6 +16,7 @@
 #include <filesystem>
 
 #include "DefaultAlgorithmController.h"
+#include "GuiTestKit.h"
 #include "GuiView.h"
 #include "MLPlugin.h"
 #include "MainWindow.h"
@@ -30,14 +31,7 @@ namespace {
 
 constexpr char kBrain[] = "/usr/share/mricron/templates/ch2.nii.gz";
 
-QAction* findAction(QMenu* menu, const QString& text) {
-  for (QAction* a : menu->actions()) {
-    if (a->text() == text) return a;
-    if (a->menu())
-      if (QAction* inner = findAction(a->menu(), text)) return inner;
-  }
-  return nullptr;
-}
+using TestKit::findAction;
 
 TEST(EndToEnd, GraphBasedSegmentationFromTheMenuShowsTheObjectInRedWhereTheLabelMapSaysSo) {
   if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run through xvfb-run)";

@@ -22,19 +22,14 @@
 #include "Parameter.h"
 #include "Progress.h"
 #include "SharedImage.h"
+#include "GuiTestKit.h"
 #include "TestSupport.h"
 #include "ViewWidget.h"
 
 namespace Merivane {
 namespace {
 
-QApplication& app() {
-  static int argc = 1;
-  static char name[] = "GuiTests";
-  static char* argv[] = {name, nullptr};
-  static QApplication* a = new QApplication(argc, argv);
-  return *a;
-}
+QApplication& app() { return TestKit::qtApp(); }
 
 // A U16 volume whose voxel (x, y, z) holds x + 10 y + 100 z.
 std::shared_ptr<SharedImage> codedVolume(int w, int h, int d) {

@@ -35,19 +35,14 @@
 #include "Properties.h"
 #include "SharedImage.h"
 #include "SharedImageSet.h"
+#include "GuiTestKit.h"
 #include "TestSupport.h"
 #include "ViewWidget.h"
 
 namespace Merivane {
 namespace {
 
-QApplication& app() {
-  static int argc = 1;
-  static char name[] = "MainWindowTests";
-  static char* argv[] = {name, nullptr};
-  static QApplication* a = new QApplication(argc, argv);
-  return *a;
-}
+QApplication& app() { return TestKit::qtApp(); }
 
 PluginManager& plugins() {
   static PluginManager* m = [] {
@@ -85,14 +80,7 @@ struct Scene {
 
 std::vector<std::unique_ptr<Algorithm>> algorithms;
 
-QAction* findAction(QMenu* menu, const QString& text) {
-  for (QAction* a : menu->actions()) {
-    if (a->text() == text) return a;
-    if (a->menu())
-      if (QAction* inner = findAction(a->menu(), text)) return inner;
-  }
-  return nullptr;
-}
+using TestKit::findAction;
 
 TEST(MainWindow, AFileThatCannotBeReadLeavesTheWindowAsItWas) {
   app();

@@ -21,6 +21,7 @@
 #include "LambdaEventHandler.h"
 #include "Repository_MerivaneSeg.h"
 #include "Resource.h"
+#include "GuiTestKit.h"
 #include "TestSupport.h"
 #include "ViewWidget.h"
 
@@ -88,12 +89,7 @@ struct Scene {
 };
 
 InputEvent event(InputEvent::Type type, const Eigen::Vector2d& pixel, int button = InputEvent::NoButton) {
-  InputEvent e;
-  e.type = type;
-  e.button = button;
-  e.buttons = type == InputEvent::MouseButtonRelease ? InputEvent::NoButton : button;
-  e.position = pixel;
-  return e;
+  return TestKit::pointerEvent(type, pixel, button);
 }
 
 Ref::Stroke stroke(std::vector<std::pair<Eigen::Vector3d, Eigen::Vector3d>> segments) {

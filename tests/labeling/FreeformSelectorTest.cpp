@@ -15,6 +15,7 @@
 #include "PolygonRegion.h"
 #include "PositionLookups.h"
 #include "Spline.h"
+#include "GuiTestKit.h"
 #include "TestSupport.h"
 
 namespace Merivane::Seg {
@@ -23,12 +24,7 @@ namespace {
 using GUI::InputEvent;
 
 InputEvent event(InputEvent::Type type, const Eigen::Vector2d& pixel, int button = InputEvent::NoButton) {
-  InputEvent e;
-  e.type = type;
-  e.button = button;
-  e.buttons = type == InputEvent::MouseButtonRelease ? InputEvent::NoButton : button;
-  e.position = pixel;
-  return e;
+  return TestKit::pointerEvent(type, pixel, button);
 }
 
 // Drags the left button round the square [lo, hi]^2 of viewport pixels in half-pixel steps.
