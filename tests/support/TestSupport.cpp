@@ -47,10 +47,3 @@ std::unique_ptr<SharedImageSet> makeSet(PixelType type, const Eigen::Vector3i& d
 
 }  // namespace Merivane::TestKit
 
-// Read by LeakSanitizer at start-up in sanitizer builds (unused otherwise). Fontconfig's cache,
-// made once when Qt first looks for fonts (any test that creates a widget), lives until exit.
-extern "C" __attribute__((visibility("default"), used)) const char* __lsan_default_suppressions() {
-  // Caches and connections that these libraries keep until the process ends: Qt's fonts and,
-  // in the test that runs a real window under Xvfb, the X client libraries.
-  return "leak:libfontconfig.so\nleak:libxcb.so\nleak:libX11.so\nleak:libQt5XcbQpa.so\nleak:libdbus-1.so\n";
-}
