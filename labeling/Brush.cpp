@@ -9,6 +9,8 @@
 #include "GlView.h"
 #include "GuiView.h"
 #include "LabelPainter.h"
+#include "SharedImage.h"
+#include "SharedImageSet.h"
 #include "LambdaEventHandler.h"
 
 namespace Merivane::Seg {
@@ -174,6 +176,7 @@ GUI::EventResult Brush::handleEvent(bool firstButton, bool secondButton, const E
     lastPosition_ = world;
     lastSliceNormal_ = normal;
     if (showIsolinePreview_ && enabled_) {
+      setPreviewRegion(world, world);
       if (!painter_.paint(world, world, false, true, normal)) painter_.clearStencil();
       updateViews();
     }
@@ -188,6 +191,7 @@ GUI::EventResult Brush::handleEvent(bool firstButton, bool secondButton, const E
   if (!painting_) strokeStarted.emitSignal();
   else if (lastPosition_) from = *lastPosition_;
   painting_ = true;
+  setPreviewRegion(from, world);
   if (painter_.paint(from, world, secondButton, false, normal)) {
     painted.emitSignal(!secondButton);
     if (linkViews_) adapter_->centerSliceViewsAt(world, painter_.input());
@@ -198,6 +202,22 @@ GUI::EventResult Brush::handleEvent(bool firstButton, bool secondButton, const E
   lastPosition_ = world;
   lastSliceNormal_ = normal;
   return GUI::EventResult::Accepted;
+}
+
+void Brush::setPreviewRegion(const Eigen::Vector3d& a, const Eigen::Vector3d& b) {
+  const SharedImageSet* input = painter_.input();
+  // With the matrix ignored the stencil lives in image space, not in world space.
+  if (!input || !input->get() || painter_.isMatrixIgnored() || !a.allFinite() || !b.allFinite()) {
+    isolines_->clearRegion();
+    return;
+  }
+  const double margin = painter_.radiusMM() + 2.0 * input->get()->descriptor().spacing.maxCoeff();
+  Geometry::AlignedBox box;
+  for (int k = 0; k < 3; ++k) {
+    box.min[static_cast<size_t>(k)] = std::min(a[k], b[k]) - margin;
+    box.max[static_cast<size_t>(k)] = std::max(a[k], b[k]) + margin;
+  }
+  isolines_->setRegion(box);
 }
 
 }  // namespace Merivane::Seg

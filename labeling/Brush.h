@@ -93,6 +93,8 @@ class Brush : public SignalReceiver {
   Signal<> strokeFinished;
 
  private:
+  // Tells the isoline preview where the stencil of the segment from `a` to `b` can be non-zero.
+  void setPreviewRegion(const Eigen::Vector3d& a, const Eigen::Vector3d& b);
   void connectPainter();
   void attach(GUI::View& view);
   void detach(GUI::View& view);

@@ -223,7 +223,39 @@ void GlIsolineRenderer::draw(const GlView& view) {
   p.setArgument("u_texCoordsPerFragmentX", perX);
   p.setArgument("u_texCoordsPerFragmentY", perY);
   p.setArgument("u_widthPx", static_cast<float>(thicknessPx_));
-  drawSliceQuad(*gl_, *sliceView);
+  if (!hasRegion_) {
+    drawSliceQuad(*gl_, *sliceView);
+    return;
+  }
+  // Only the part of the slice within the line width of the region can show an outline.
+  const Slice& slice = sliceView->slice().slice();
+  double lo[2] = {1e300, 1e300}, hi[2] = {-1e300, -1e300}, dmin = 1e300, dmax = -1e300;
+  for (int c = 0; c < 8; ++c) {
+    const Eigen::Vector3d corner(region_.min[0] + (c & 1 ? region_.max[0] - region_.min[0] : 0),
+                                 region_.min[1] + (c & 2 ? region_.max[1] - region_.min[1] : 0),
+                                 region_.min[2] + (c & 4 ? region_.max[2] - region_.min[2] : 0));
+    const Eigen::Vector3d d = corner - slice.center();
+    const double uv[2] = {d.dot(slice.xAxis()), d.dot(slice.yAxis())};
+    for (int k = 0; k < 2; ++k) {
+      lo[k] = std::min(lo[k], uv[k]);
+      hi[k] = std::max(hi[k], uv[k]);
+    }
+    dmin = std::min(dmin, d.dot(slice.normal()));
+    dmax = std::max(dmax, d.dot(slice.normal()));
+  }
+  if (dmin > 0 || dmax < 0) return;  // the plane misses the region: the slice holds only 0 there
+  const double margin = (thicknessPx_ * 0.5 + 2.0) * sliceView->mmPerPixel();
+  const double half[2] = {slice.width() / 2, slice.height() / 2};
+  for (int k = 0; k < 2; ++k) {
+    lo[k] = std::max(lo[k] - margin, -half[k]);
+    hi[k] = std::min(hi[k] + margin, half[k]);
+    if (lo[k] >= hi[k]) return;
+  }
+  const Slice part(slice.center() + 0.5 * (lo[0] + hi[0]) * slice.xAxis() + 0.5 * (lo[1] + hi[1]) * slice.yAxis(),
+                   slice.xAxis(), slice.yAxis(), hi[0] - lo[0], hi[1] - lo[1]);
+  glEnable(GL_BLEND);
+  glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+  GL::drawSliceQuad(gl_->vao, gl_->vbo, part);
 }
 
 }  // namespace Merivane

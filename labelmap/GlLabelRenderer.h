@@ -68,6 +68,13 @@ class GlIsolineRenderer : public GlObject {
   bool isMatrixIgnored() const { return ignoreMatrix_; }
   void setIgnoreMatrix(bool ignore) { ignoreMatrix_ = ignore; }
   void updateColorTexture();
+  // A world box outside which the map is known to hold only 0 (a brush stencil round its
+  // stroke): drawing then covers that box and the line width round it, not the whole slice.
+  void setRegion(const Geometry::AlignedBox& box) {
+    region_ = box;
+    hasRegion_ = true;
+  }
+  void clearRegion() { hasRegion_ = false; }
 
   void draw(const GlView& view) override;
   Geometry::AlignedBox bounds() const override;
@@ -79,6 +86,8 @@ class GlIsolineRenderer : public GlObject {
   std::vector<Eigen::Vector4f> colors_;
   double thicknessPx_ = 2.0;
   bool ignoreMatrix_ = false;
+  bool hasRegion_ = false;
+  Geometry::AlignedBox region_;
   bool colorsChanged_ = true;
   std::unique_ptr<internal::LabelProgramState> gl_;
 };

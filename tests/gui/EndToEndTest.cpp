@@ -9,15 +9,19 @@
 #include <QCheckBox>
 #include <QMenu>
 #include <QMenuBar>
+#include <QMouseEvent>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QSignalSpy>
 #include <QTest>
 #include <cstdlib>
+#include <algorithm>
 #include <filesystem>
 
 #include "DefaultAlgorithmController.h"
 #include "GuiTestKit.h"
 #include "GuiView.h"
+#include "ImageIO.h"
 #include "MLPlugin.h"
 #include "MainWindow.h"
 #include "MultiViewWidget.h"
@@ -33,17 +37,42 @@ constexpr char kBrain[] = "/usr/share/mricron/templates/ch2.nii.gz";
 
 using TestKit::findAction;
 
+// The application and the plug-in, once for the program.
+bool loadPlugins() {
+  TestKit::qtApp();
+  static PluginManager* plugins = nullptr;
+  static bool loaded = false;
+  if (!plugins) {
+    plugins = new PluginManager;
+    ML::registerBuiltin(*plugins);
+    std::string error;
+    loaded = plugins->load(MERIVANE_PLUGIN_PATH, &error);
+    if (!loaded) ADD_FAILURE() << error;
+  }
+  return loaded;
+}
+
+// A button press, moves with the button held, and the release, as the pointer would send them.
+void drag(QWidget* w, const std::vector<QPoint>& path) {
+  auto send = [&](QEvent::Type type, const QPoint& p, Qt::MouseButtons held) {
+    QMouseEvent e(type, p, w->mapToGlobal(p), Qt::LeftButton, held, Qt::NoModifier);
+    QApplication::sendEvent(w, &e);
+  };
+  send(QEvent::MouseButtonPress, path.front(), Qt::LeftButton);
+  for (size_t i = 1; i < path.size(); ++i) send(QEvent::MouseMove, path[i], Qt::LeftButton);
+  send(QEvent::MouseButtonRelease, path.back(), Qt::NoButton);
+}
+
+std::vector<unsigned char> voxelsOf(const SharedImageSet& set) {
+  const MemImage* m = set.get()->mem();
+  const auto* p = static_cast<const unsigned char*>(m->data());
+  return {p, p + m->descriptor().byteSize()};
+}
+
 TEST(EndToEnd, GraphBasedSegmentationFromTheMenuShowsTheObjectInRedWhereTheLabelMapSaysSo) {
   if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run through xvfb-run)";
   if (!std::filesystem::exists(kBrain)) GTEST_SKIP() << kBrain << " missing (Debian's mricron-data)";
-  static int argc = 1;
-  static char name[] = "EndToEndTests";
-  static char* argv[] = {name, nullptr};
-  QApplication app(argc, argv);
-  PluginManager plugins;
-  ML::registerBuiltin(plugins);
-  std::string error;
-  ASSERT_TRUE(plugins.load(MERIVANE_PLUGIN_PATH, &error)) << error;
+  ASSERT_TRUE(loadPlugins());
 
   MainWindow window;
   window.resize(1400, 900);
@@ -121,6 +150,69 @@ TEST(EndToEnd, GraphBasedSegmentationFromTheMenuShowsTheObjectInRedWhereTheLabel
   ASSERT_GT(object, 200) << "the axial slice should cut the ventricles";
   EXPECT_GE(objectRed, object * 99 / 100) << objectRed << " of " << object << " object pixels are red";
   EXPECT_LE(otherRed, other / 200) << otherRed << " of " << other << " other pixels are red";
+}
+
+TEST(EndToEnd, PaintingOnTheDemoBrainUndoesRedoesAndSavesWhatWasPainted) {
+  if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run through xvfb-run)";
+  if (!std::filesystem::exists(kBrain)) GTEST_SKIP() << kBrain << " missing (Debian's mricron-data)";
+  ASSERT_TRUE(loadPlugins());
+  MainWindow window;
+  window.resize(1400, 900);
+  window.show();
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+  ASSERT_TRUE(window.openFile(kBrain, true));
+  ASSERT_TRUE(window.openFile(MERIVANE_DEMO_SEEDS, true));
+  window.select({});
+  QMenu* algorithms = nullptr;
+  for (QAction* a : window.menuBar()->actions())
+    if (a->text().remove('&') == "Algorithms") algorithms = a->menu();
+  ASSERT_NE(algorithms, nullptr);
+  emit algorithms->aboutToShow();
+  QAction* labeling = findAction(algorithms, "Labeling");
+  ASSERT_TRUE(labeling && labeling->isEnabled());
+  labeling->trigger();
+  QWidget* panel = window.findChild<QWidget*>("LabelingWidget");
+  ASSERT_NE(panel, nullptr);
+  panel->findChild<QSpinBox*>("spinBoxLabel")->setValue(5);
+  panel->findChild<QSpinBox*>("spinBoxSize")->setValue(12);
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonStart"), Qt::LeftButton);
+
+  SharedImageSet* labels = nullptr;
+  for (Data* d : window.dataModel()->getAll())
+    if (d->modality() == Data::LABEL) labels = d->asImageSet();
+  ASSERT_NE(labels, nullptr);
+  const std::vector<unsigned char> before = voxelsOf(*labels);
+
+  // A stroke across the middle of the axial view.
+  GUI::ViewWidget* axial = window.views().viewWidget(0);
+  const QPoint c(axial->width() / 2, axial->height() / 2);
+  drag(axial, {c + QPoint(-30, 0), c + QPoint(-10, 2), c + QPoint(10, 4), c + QPoint(30, 6)});
+  QApplication::processEvents();
+  const std::vector<unsigned char> painted = voxelsOf(*labels);
+  const auto fives = std::count(painted.begin(), painted.end(), 5);
+  ASSERT_GT(fives, 100) << "the stroke should have painted label 5";
+  EXPECT_EQ(std::count(before.begin(), before.end(), 5), 0);
+
+  // Undo and redo with the keys, in the window.
+  window.activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
+  QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
+  EXPECT_EQ(voxelsOf(*labels), before);
+  QTest::keyClick(&window, Qt::Key_Y, Qt::ControlModifier);
+  EXPECT_EQ(voxelsOf(*labels), painted);
+  QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
+  QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
+  EXPECT_EQ(voxelsOf(*labels), painted);
+
+  // Saved and read back, the file holds what was painted, as a label map.
+  const auto path = std::filesystem::temp_directory_path() / "merivane-e2e-painted.nii.gz";
+  std::string error;
+  ASSERT_TRUE(IO::writeImage(*labels, path.string(), &error)) << error;
+  auto back = IO::readImage(path.string(), &error);
+  std::filesystem::remove(path);
+  ASSERT_TRUE(back) << error;
+  EXPECT_EQ(back->modality(), Data::LABEL);
+  EXPECT_EQ(voxelsOf(*back), painted);
 }
 
 }  // namespace

@@ -125,6 +125,38 @@ TEST(IsolineOverlay, TheOutlineIsTheWidthInScreenPixelsAtAnyZoom) {
   }
 }
 
+TEST(IsolineOverlay, ARegionThatHoldsAllLabelsDrawsTheSameOutline) {
+  MERIVANE_REQUIRE_GL();
+  Programs programs;
+  auto set = makeImage<unsigned char>(Eigen::Vector3i(20, 20, 3),
+                                      [](int x, int y, int z) { return x >= 6 && x < 14 && y >= 6 && y < 14 && z == 1 ? 3 : 0; });
+  SharedImage& map = *set->get();
+  GlIsolineRenderer renderer(&map);
+  std::vector<Eigen::Vector4f> colors(4, Eigen::Vector4f(0, 0, 0, 0));
+  colors[3] = Eigen::Vector4f(0, 1, 1, 1);
+  renderer.setColors(colors);
+  renderer.setThicknessPx(6);
+  GlSliceView view;
+  viewOver(view, map, 96, 96, 0.3, 1);
+  view.addObject(&renderer);
+  std::vector<unsigned char> whole, clipped;
+  ASSERT_TRUE(view.render(whole));
+  // The square's voxels as a world box, just as tight as the stencil's.
+  Geometry::AlignedBox box;
+  const Eigen::Vector3d lo = map.pixelToWorld(Eigen::Vector3d(5.5, 5.5, 0.5)), hi = map.pixelToWorld(Eigen::Vector3d(13.5, 13.5, 1.5));
+  for (size_t k = 0; k < 3; ++k) {
+    box.min[k] = std::min(lo[static_cast<int>(k)], hi[static_cast<int>(k)]);
+    box.max[k] = std::max(lo[static_cast<int>(k)], hi[static_cast<int>(k)]);
+  }
+  renderer.setRegion(box);
+  ASSERT_TRUE(view.render(clipped));
+  EXPECT_EQ(clipped, whole);
+  // A slice beside the region draws nothing, as the map holds nothing there.
+  view.scroll(-1);
+  ASSERT_TRUE(view.render(clipped));
+  for (size_t i = 1; i < clipped.size(); i += 4) ASSERT_LT(clipped[i], 128);
+}
+
 TEST(IsolineOverlay, RefusesAMapThatIsNotUnsignedByte) {
   TestKit::LogCapture log;
   auto set = makeImage<unsigned short>(Eigen::Vector3i(4, 4, 1), [](int, int, int) { return 1; });
