@@ -69,27 +69,39 @@ std::vector<unsigned char> voxelsOf(const SharedImageSet& set) {
   return {p, p + m->descriptor().byteSize()};
 }
 
-TEST(EndToEnd, GraphBasedSegmentationFromTheMenuShowsTheObjectInRedWhereTheLabelMapSaysSo) {
-  if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run through xvfb-run)";
-  if (!std::filesystem::exists(kBrain)) GTEST_SKIP() << kBrain << " missing (Debian's mricron-data)";
-  ASSERT_TRUE(loadPlugins());
+class EndToEnd : public ::testing::Test {
+ protected:
+  // The window on screen with the demo brain and its seeds, both selected.
+  void SetUp() override {
+    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run through xvfb-run)";
+    if (!std::filesystem::exists(kBrain)) GTEST_SKIP() << kBrain << " missing (Debian's mricron-data)";
+    ASSERT_TRUE(loadPlugins());
+    window_ = std::make_unique<MainWindow>();
+    window_->resize(1400, 900);
+    window_->show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(window_.get()));
+    ASSERT_TRUE(window_->openFile(kBrain, true));
+    ASSERT_TRUE(window_->openFile(MERIVANE_DEMO_SEEDS, true));
+    window_->select({});
+  }
+  // Chooses the entry of the Algorithms menu as the user would; false when it is missing or off.
+  bool chooseAlgorithm(const QString& text) {
+    QMenu* algorithms = nullptr;
+    for (QAction* a : window_->menuBar()->actions())
+      if (a->text().remove('&') == "Algorithms") algorithms = a->menu();
+    if (!algorithms) return false;
+    emit algorithms->aboutToShow();
+    QAction* entry = findAction(algorithms, text);
+    if (!entry || !entry->isEnabled()) return false;
+    entry->trigger();
+    return true;
+  }
+  std::unique_ptr<MainWindow> window_;
+};
 
-  MainWindow window;
-  window.resize(1400, 900);
-  window.show();
-  ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
-  ASSERT_TRUE(window.openFile(kBrain, true));
-  ASSERT_TRUE(window.openFile(MERIVANE_DEMO_SEEDS, true));
-  window.select({});
-
-  QMenu* algorithms = nullptr;
-  for (QAction* a : window.menuBar()->actions())
-    if (a->text().remove('&') == "Algorithms") algorithms = a->menu();
-  ASSERT_NE(algorithms, nullptr);
-  emit algorithms->aboutToShow();
-  QAction* graph = findAction(algorithms, "Graph-based Segmentation");
-  ASSERT_TRUE(graph && graph->isEnabled());
-  graph->trigger();
+TEST_F(EndToEnd, GraphBasedSegmentationFromTheMenuShowsTheObjectInRedWhereTheLabelMapSaysSo) {
+  MainWindow& window = *window_;
+  ASSERT_TRUE(chooseAlgorithm("Graph-based Segmentation"));
 
   auto* panel = window.findChild<DefaultAlgorithmController*>();
   ASSERT_NE(panel, nullptr);
@@ -152,25 +164,9 @@ TEST(EndToEnd, GraphBasedSegmentationFromTheMenuShowsTheObjectInRedWhereTheLabel
   EXPECT_LE(otherRed, other / 200) << otherRed << " of " << other << " other pixels are red";
 }
 
-TEST(EndToEnd, PaintingOnTheDemoBrainUndoesRedoesAndSavesWhatWasPainted) {
-  if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run through xvfb-run)";
-  if (!std::filesystem::exists(kBrain)) GTEST_SKIP() << kBrain << " missing (Debian's mricron-data)";
-  ASSERT_TRUE(loadPlugins());
-  MainWindow window;
-  window.resize(1400, 900);
-  window.show();
-  ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
-  ASSERT_TRUE(window.openFile(kBrain, true));
-  ASSERT_TRUE(window.openFile(MERIVANE_DEMO_SEEDS, true));
-  window.select({});
-  QMenu* algorithms = nullptr;
-  for (QAction* a : window.menuBar()->actions())
-    if (a->text().remove('&') == "Algorithms") algorithms = a->menu();
-  ASSERT_NE(algorithms, nullptr);
-  emit algorithms->aboutToShow();
-  QAction* labeling = findAction(algorithms, "Labeling");
-  ASSERT_TRUE(labeling && labeling->isEnabled());
-  labeling->trigger();
+TEST_F(EndToEnd, PaintingOnTheDemoBrainUndoesRedoesAndSavesWhatWasPainted) {
+  MainWindow& window = *window_;
+  ASSERT_TRUE(chooseAlgorithm("Labeling"));
   QWidget* panel = window.findChild<QWidget*>("LabelingWidget");
   ASSERT_NE(panel, nullptr);
   panel->findChild<QSpinBox*>("spinBoxLabel")->setValue(5);
