@@ -36,7 +36,9 @@
 #include "Mesh.h"
 #include "MeshIO.h"
 #include "MultiViewWidget.h"
+#include "Progress.h"
 #include "Properties.h"
+#include "QtHelpers.h"
 #include "SharedImage.h"
 #include "SharedImageSet.h"
 
@@ -431,7 +433,20 @@ void MainWindow::configureOpenAlgorithm(const Properties& settings) {
 
 int MainWindow::computeOpenAlgorithm() {
   auto* dac = dynamic_cast<DefaultAlgorithmController*>(controller_);
-  if (!dac) return -1;
+  if (!dac) {
+    // A panel of its own: compute as a script would, behind the progress dialog.
+    if (!algorithm_) return -1;
+    Progress progress;
+    algorithm_->setProgress(&progress);
+    Algorithm* a = algorithm_.get();
+    QtHelpers::runInBackground(this, tr("Computing"), [a] { a->compute(); }, &progress);
+    algorithm_->setProgress(nullptr);
+    const int status = algorithm_->status();
+    if (status == Algorithm::statusSuccess || status == Algorithm::statusUnknown)
+      model_.add(algorithm_->takeOutput());
+    for (Data* d : model_.selected().items()) onDataChanged(d);
+    return status;
+  }
   QEventLoop loop;
   int status = -1;
   auto c = connect(dac, &DefaultAlgorithmController::computeFinished, &loop, [&](int s) {

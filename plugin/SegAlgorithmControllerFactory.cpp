@@ -1,6 +1,8 @@
 #include "SegAlgorithmControllerFactory.h"
 
 #include "DefaultAlgorithmController.h"
+#include "GraphBasedSegmentation.h"
+#include "GraphBasedSegmentationController.h"
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapIsolineRendererController.h"
 #include "LabelMapToContoursAlgorithm.h"
@@ -37,6 +39,8 @@ AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm)
   if (is<WatershedSegmentationAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, true);
   if (auto* isolines = dynamic_cast<LabelMapIsolineRenderer*>(algorithm))
     return new LabelMapIsolineRendererController(isolines);
+  if (auto* graph = dynamic_cast<GraphBasedSegmentation*>(algorithm))
+    return new GraphBasedSegmentationController(graph);
   if (is<LabelMapToContoursAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, false);
   return nullptr;
 }

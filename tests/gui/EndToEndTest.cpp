@@ -18,7 +18,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "DefaultAlgorithmController.h"
+#include "GraphBasedSegmentationController.h"
 #include "GuiTestKit.h"
 #include "GuiView.h"
 #include "ImageIO.h"
@@ -103,20 +103,13 @@ TEST_F(EndToEnd, GraphBasedSegmentationFromTheMenuShowsTheObjectInRedWhereTheLab
   MainWindow& window = *window_;
   ASSERT_TRUE(chooseAlgorithm("Graph-based Segmentation"));
 
-  auto* panel = window.findChild<DefaultAlgorithmController*>();
+  // Found by name: the plug-in's copy of the class is not this program's, for Qt's casts.
+  auto* panel = dynamic_cast<GraphBasedSegmentationController*>(window.findChild<QWidget*>("GraphSegmentationWidget"));
   ASSERT_NE(panel, nullptr);
-  auto* accept = panel->findChild<QCheckBox*>("Auto-Accept Segmentation");
-  ASSERT_NE(accept, nullptr);
-  QTest::mouseClick(accept, Qt::LeftButton, Qt::NoModifier, QPoint(8, accept->height() / 2));  // on the box
-  ASSERT_TRUE(accept->isChecked());
-  QPushButton* compute = nullptr;
-  for (auto* b : panel->findChildren<QPushButton*>())
-    if (b->text() == "Compute") compute = b;
-  ASSERT_NE(compute, nullptr);
-  QSignalSpy finished(panel, &DefaultAlgorithmController::computeFinished);
-  QTest::mouseClick(compute, Qt::LeftButton);
-  ASSERT_TRUE(finished.wait(120000));
-  ASSERT_EQ(finished.at(0).at(0).toInt(), 0);
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonCompute"), Qt::LeftButton);
+  ASSERT_EQ(panel->lastStatus(), 0);
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonSetLabel"), Qt::LeftButton);
+  QApplication::processEvents();
 
   const QImage shot = window.screenshot();
   shot.save(QString(MERIVANE_SCREENSHOT_PATH));

@@ -9,6 +9,9 @@
 #include <QSpinBox>
 #include <QClipboard>
 #include <QDialog>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDoubleSpinBox>
 #include <QPushButton>
 #include <QTableWidget>
 #include <QTimer>
@@ -25,6 +28,9 @@
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapIsolineRendererController.h"
 #include "LabelStatisticsAlgorithm.h"
+#include "GraphBasedSegmentationController.h"
+#include "GlMesh.h"
+#include "Mesh.h"
 #include "DefaultAlgorithmController.h"
 #include "QtHelpers.h"
 #include "SectionWidget.h"
@@ -209,11 +215,14 @@ TEST(ControllerTable, PanelsFollowTheTableForTheClassesThatExist) {
   // A panel of its own.
   auto isolines = controllerFor("Seg.LabelMapIsolineRenderer", DataList{scene.seeds.get()});
   EXPECT_TRUE(dynamic_cast<LabelMapIsolineRendererController*>(isolines.get()));
-  // No panel of its own yet: the factory says so, and the window then generates one.
   auto graph = controllerFor("Seg.GraphBasedSegmentation", DataList{scene.image.get(), scene.seeds.get()});
-  EXPECT_EQ(graph, nullptr);
+  EXPECT_TRUE(dynamic_cast<GraphBasedSegmentationController*>(graph.get()));
+  // No panel of its own: the factory says so, and the window then generates one.
+  auto compatible = controllerFor("Seg.MakeCompatibleLabelMap", DataList{scene.image.get()});
+  EXPECT_EQ(compatible, nullptr);
   EXPECT_EQ(FactoryRegistry::createController(nullptr), nullptr);
   isolines.reset();
+  graph.reset();
   mesh.reset();
   mark.reset();
   watershed.reset();
@@ -242,7 +251,9 @@ TEST(StatisticsPanel, ShowsTheTableOfTheAlgorithmAndCopiesItsCsv) {
   QTimer poll;
   poll.setInterval(10);
   QObject::connect(&poll, &QTimer::timeout, [&] {
-    QWidget* modal = QApplication::activeModalWidget();
+    QWidget* modal = nullptr;
+    for (QWidget* w : QApplication::topLevelWidgets())
+      if (w->objectName() == "LabelStatisticsDialog" && w->isVisible()) modal = w;
     if (!modal) return;
     poll.stop();
     EXPECT_EQ(modal->windowTitle(), "Label Statistics");
@@ -265,6 +276,53 @@ TEST(StatisticsPanel, ShowsTheTableOfTheAlgorithmAndCopiesItsCsv) {
   expected.removeFirst();  // the header is the table's column titles
   EXPECT_EQ(cells, expected);
   EXPECT_EQ(copied.toStdString(), csv);
+}
+
+TEST(GraphPanel, ComputesSetsLabelsGivesProbabilitiesAndExtractsTheSurface) {
+  app();
+  plugins();
+  MainWindow window;
+  window.resize(900, 700);
+  window.show();
+  Scene scene;
+  Data* image = window.dataModel()->add(std::move(scene.image));
+  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
+  window.select({image, seeds});
+  ASSERT_TRUE(window.openAlgorithm("Seg.GraphBasedSegmentation"));
+  // Found by name: the plug-in's copy of the class is not this program's, for Qt's casts.
+  auto* panel = dynamic_cast<GraphBasedSegmentationController*>(window.findChild<QWidget*>("GraphSegmentationWidget"));
+  ASSERT_NE(panel, nullptr);
+  EXPECT_EQ(panel->windowTitle(), "Graph Segmentation");
+  auto* solver = panel->findChild<QComboBox*>("comboBoxSolver");
+  ASSERT_NE(solver, nullptr);
+  EXPECT_EQ(solver->count(), 8);
+  EXPECT_EQ(solver->currentIndex(), 4);
+  EXPECT_EQ(solver->itemText(4), "[Eigen] BiCGSTAB");
+  EXPECT_EQ(panel->findChild<QSpinBox*>("spinBoxIterations")->value(), 200);
+  EXPECT_EQ(panel->findChild<QSpinBox*>("spinBoxIterations")->singleStep(), 10);
+  EXPECT_DOUBLE_EQ(panel->findChild<QDoubleSpinBox*>("doubleSpinBoxAdaptiveness")->value(), 100.0);
+  EXPECT_TRUE(panel->findChild<QCheckBox*>("checkBoxAutoCrop")->isChecked());
+  EXPECT_FALSE(panel->findChild<QSpinBox*>("spinBoxSuperpixels")->isEnabled());
+  solver->setCurrentIndex(0);  // the direct solver has no iteration limit
+  EXPECT_FALSE(panel->findChild<QSpinBox*>("spinBoxIterations")->isEnabled());
+  solver->setCurrentIndex(4);
+
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonCompute"), Qt::LeftButton);
+  EXPECT_EQ(panel->lastStatus(), 0);
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonSetLabel"), Qt::LeftButton);
+  const auto* labels = static_cast<const TypedImage<unsigned char>*>(seeds->asImageSet()->mem());
+  EXPECT_EQ(labels->value(19 + 7, 19, 6), 1);
+  EXPECT_EQ(labels->value(19 + 13, 19, 6), 2);
+
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonAnnotation"), Qt::LeftButton);
+  InteractiveObject* surface = window.annotationModel()->find("Segmentation");
+  ASSERT_NE(surface, nullptr);
+  EXPECT_GT(static_cast<GlMesh*>(surface->object())->mesh()->faces.size(), 100u);
+  // The probabilities are handed over to the data list (the panel keeps none afterwards).
+  const int before = window.dataModel()->size();
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonProbabilities"), Qt::LeftButton);
+  ASSERT_EQ(window.dataModel()->size(), before + 1);
+  EXPECT_EQ(window.dataModel()->at(before)->name(), "Probability");
 }
 
 TEST(QtHelpers, BackgroundWorkKeepsTheInterfaceResponsiveAndRunOnMainThreadReturnsThere) {
