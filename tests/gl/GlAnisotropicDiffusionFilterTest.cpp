@@ -18,15 +18,7 @@ namespace {
 
 using Voxels = std::vector<double>;
 
-// A fixed pseudo-random value in [-1, 1] per voxel.
-double hashNoise(int x, int y, int z) {
-  unsigned h = static_cast<unsigned>(x) * 73856093u ^ static_cast<unsigned>(y) * 19349663u ^
-               static_cast<unsigned>(z) * 83492791u;
-  h ^= h >> 13;
-  h *= 0x5bd1e995u;
-  h ^= h >> 15;
-  return (h % 20001u) / 10000.0 - 1.0;
-}
+using TestKit::hashNoise;
 
 // The same diffusion on the CPU in double precision, written from the filter's description.
 struct Reference {

@@ -84,6 +84,21 @@ struct Scene {
   }
 };
 
+// The window on screen with the ball and its seeds in its data list.
+struct WindowWithScene {
+  bool ready = (app(), plugins(), true);
+  MainWindow window;
+  Data* image = nullptr;
+  Data* seeds = nullptr;
+  WindowWithScene() {
+    window.resize(900, 700);
+    window.show();
+    Scene scene;
+    image = window.dataModel()->add(std::move(scene.image));
+    seeds = window.dataModel()->add(std::move(scene.seeds));
+  }
+};
+
 std::vector<std::unique_ptr<Algorithm>> algorithms;
 
 using TestKit::findAction;
@@ -98,14 +113,10 @@ TEST(MainWindow, AFileThatCannotBeReadLeavesTheWindowAsItWas) {
 }
 
 TEST(MainWindow, TheMenuOffersWhatFitsTheSelectionAndItsPanelComputesOnIt) {
-  app();
-  plugins();
-  MainWindow window;
-  window.resize(900, 700);
-  window.show();
-  Scene scene;
-  Data* image = window.dataModel()->add(std::move(scene.image));
-  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
+  WindowWithScene shown;
+  MainWindow& window = shown.window;
+  Data* image = shown.image;
+  Data* seeds = shown.seeds;
   QMenu* algorithms = nullptr;
   for (QAction* a : window.menuBar()->actions())
     if (a->text().remove('&') == "Algorithms") algorithms = a->menu();
@@ -139,13 +150,9 @@ TEST(MainWindow, TheMenuOffersWhatFitsTheSelectionAndItsPanelComputesOnIt) {
 }
 
 TEST(MainWindow, TheIsolineViewShowsItsRendererAndFollowsThePanelAndTheLabelColours) {
-  app();
-  plugins();
-  MainWindow window;
-  window.resize(900, 700);
-  window.show();
-  Scene scene;
-  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
+  WindowWithScene shown;
+  MainWindow& window = shown.window;
+  Data* seeds = shown.seeds;
   window.select({seeds});
   ASSERT_TRUE(window.openAlgorithm("Seg.LabelMapIsolineRenderer"));
   auto* isolines = dynamic_cast<LabelMapIsolineRenderer*>(window.openAlgorithmInstance());
@@ -230,12 +237,10 @@ TEST(ControllerTable, PanelsFollowTheTableForTheClassesThatExist) {
 }
 
 TEST(StatisticsPanel, ShowsTheTableOfTheAlgorithmAndCopiesItsCsv) {
-  app();
-  plugins();
-  MainWindow window;
-  Scene scene;
-  Data* image = window.dataModel()->add(std::move(scene.image));
-  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
+  WindowWithScene shown;
+  MainWindow& window = shown.window;
+  Data* image = shown.image;
+  Data* seeds = shown.seeds;
   window.select({image, seeds});
   ASSERT_TRUE(window.openAlgorithm("Seg.LabelStatistics"));
   // The same measurement straight from the factory, for comparison.
@@ -279,14 +284,10 @@ TEST(StatisticsPanel, ShowsTheTableOfTheAlgorithmAndCopiesItsCsv) {
 }
 
 TEST(GraphPanel, ComputesSetsLabelsGivesProbabilitiesAndExtractsTheSurface) {
-  app();
-  plugins();
-  MainWindow window;
-  window.resize(900, 700);
-  window.show();
-  Scene scene;
-  Data* image = window.dataModel()->add(std::move(scene.image));
-  Data* seeds = window.dataModel()->add(std::move(scene.seeds));
+  WindowWithScene shown;
+  MainWindow& window = shown.window;
+  Data* image = shown.image;
+  Data* seeds = shown.seeds;
   window.select({image, seeds});
   ASSERT_TRUE(window.openAlgorithm("Seg.GraphBasedSegmentation"));
   // Found by name: the plug-in's copy of the class is not this program's, for Qt's casts.

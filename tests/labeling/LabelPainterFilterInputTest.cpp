@@ -10,6 +10,7 @@
 #include "Log.h"
 #include "Repository_MerivaneSeg.h"
 #include "Resource.h"
+#include "ShaderTestKit.h"
 #include "TestSupport.h"
 
 namespace Merivane::Seg {
@@ -17,15 +18,7 @@ namespace {
 
 using TestKit::LogCapture;
 
-// A fixed pseudo-random value in [-1, 1] per pixel.
-double hashNoise(int x, int y, int z) {
-  unsigned h = static_cast<unsigned>(x) * 73856093u ^ static_cast<unsigned>(y) * 19349663u ^
-               static_cast<unsigned>(z) * 83492791u;
-  h ^= h >> 13;
-  h *= 0x5bd1e995u;
-  h ^= h >> 15;
-  return (h % 20001u) / 10000.0 - 1.0;
-}
+using TestKit::hashNoise;
 
 // Dark tissue (1000) left of x = 60 and bright (1300) right of it, by default under heavy
 // noise (+-300), seen through a window that spans the two: a 0.3 step under +-0.3 of noise.
@@ -62,15 +55,7 @@ struct NoisyEdge {
   }
 };
 
-class FilterInput : public testing::Test {
- protected:
-  void SetUp() override {
-    MERIVANE_REQUIRE_GL();
-    Resource::addRepository(&repo_);
-  }
-  void TearDown() override { Resource::removeRepository(&repo_); }
-  Repository_MerivaneSeg repo_;
-};
+class FilterInput : public TestKit::WithSegPrograms {};
 
 struct Coverage {
   int inside = 0;    // painted pixels of the capsule on the dark side

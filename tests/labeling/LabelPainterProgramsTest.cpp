@@ -11,6 +11,7 @@
 #include "LabelPainterReference.h"
 #include "Repository_MerivaneSeg.h"
 #include "Resource.h"
+#include "ShaderTestKit.h"
 #include "TestSupport.h"
 
 namespace Merivane::Seg {
@@ -18,13 +19,8 @@ namespace {
 
 namespace Ref = Reference;
 
-class PainterProgram : public testing::Test {
+class PainterProgram : public TestKit::WithSegPrograms {
  protected:
-  void SetUp() override {
-    MERIVANE_REQUIRE_GL();
-    Resource::addRepository(&repo_);
-  }
-  void TearDown() override { Resource::removeRepository(&repo_); }
 
   // Compiles "MerivaneSeg/<name>" with the 2D switch for one-slice textures.
   static std::unique_ptr<GL::ImageProgram> program(const std::string& name, bool oneSlice, std::string defines = "") {
@@ -43,7 +39,6 @@ class PainterProgram : public testing::Test {
     return {out.pointer(), out.pointer() + out.descriptor().pixelCount()};
   }
 
-  Repository_MerivaneSeg repo_;
 };
 
 TEST_F(PainterProgram, ThresholdMeetsItsValueAtTheRangeEnds) {

@@ -15,6 +15,7 @@
 #include "Mask.h"
 #include "Repository_MerivaneSeg.h"
 #include "Resource.h"
+#include "ShaderTestKit.h"
 #include "TestSupport.h"
 
 namespace Merivane::Seg {
@@ -70,15 +71,7 @@ Voxels expectedAfter(const Voxels& before, const std::vector<Ref::Inside>& brush
   return out;
 }
 
-class Painter : public testing::Test {
- protected:
-  void SetUp() override {
-    MERIVANE_REQUIRE_GL();
-    Resource::addRepository(&repo_);
-  }
-  void TearDown() override { Resource::removeRepository(&repo_); }
-  Repository_MerivaneSeg repo_;
-};
+class Painter : public TestKit::WithSegPrograms {};
 
 TEST_F(Painter, DabOfRadius2Point5IsTheDiscOf21Pixels) {
   Scene s({11, 11, 1});

@@ -50,6 +50,16 @@ std::unique_ptr<SharedImageSet> makeSet(PixelType type, const Eigen::Vector3i& d
 // True when an OpenGL context can be made; defined in TestSupportGl, which GPU tests link.
 bool glContextAvailable();
 
+// A fixed pseudo-random value in [-1, 1] per voxel, the same on every run and machine.
+inline double hashNoise(int x, int y, int z) {
+  unsigned h = static_cast<unsigned>(x) * 73856093u ^ static_cast<unsigned>(y) * 19349663u ^
+               static_cast<unsigned>(z) * 83492791u;
+  h ^= h >> 13;
+  h *= 0x5bd1e995u;
+  h ^= h >> 15;
+  return (h % 20001u) / 10000.0 - 1.0;
+}
+
 
 }  // namespace Merivane::TestKit
 
