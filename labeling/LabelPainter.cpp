@@ -614,6 +614,7 @@ bool LabelPainter::paintSegments(const std::vector<Segment>& segments, bool eras
     labelFrame->setDirtyGl(box.min, box.max);
     lastBoxMin_ = box.min;
     lastBoxMax_ = box.max;
+    labelMap_->contentChanged.emitSignal(labelMap_->resolve(-1));
   }
   return true;
 }

@@ -170,6 +170,7 @@ void LabelingManipulator::sceneEventFloodFill(const Eigen::Vector3d& position) {
   }
   if (result.status != FloodFillResult::Filled) return;
   labelMap_.get()->setDirtyMem();
+  labelMap_.contentChanged.emitSignal(labelMap_.resolve(-1));
   changed_ = true;
   labelsChanged.emitSignal();
   update();

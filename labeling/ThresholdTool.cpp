@@ -187,6 +187,7 @@ int ThresholdTool::apply(int frame) {
     frames.push_back(frame);
 
   int written = 0;
+  std::vector<int> writtenFrames;
   GL::runOnGlThread([&] {
     if (!gl_) gl_ = std::make_unique<Gl>();
     std::unique_ptr<GL::MultiAbstractInclude> include;
@@ -236,9 +237,11 @@ int ThresholdTool::apply(int frame) {
       }
       labelTexture->swapTexID(*gl_->scratch);
       lab->setDirtyGl();
+      writtenFrames.push_back(f);
       ++written;
     }
   });
+  for (int f : writtenFrames) labelMap_->contentChanged.emitSignal(f);
   if (written > 0) adapter_->update();
   return written;
 }

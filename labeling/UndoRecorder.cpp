@@ -258,6 +258,7 @@ int UndoRecorder::restoreUndoLevel(unsigned long index) {
   }
   restoreComponents(level);
   std::fill(unrecorded_.begin(), unrecorded_.end(), 0);
+  for (int i = 0; i < n; ++i) images_.contentChanged.emitSignal(i);
   return level.focus;
 }
 

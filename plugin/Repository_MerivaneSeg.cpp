@@ -32,6 +32,7 @@ constexpr Written kWritten[] = {
      sizeof(kShader_LabelPainterThreshold_frag) - 1},
     {"ThresholdToolApply.frag", kShader_ThresholdToolApply_frag, sizeof(kShader_ThresholdToolApply_frag) - 1},
     {"ThresholdToolPreview.frag", kShader_ThresholdToolPreview_frag, sizeof(kShader_ThresholdToolPreview_frag) - 1},
+    {"WatershedToolPreview.frag", kShader_WatershedToolPreview_frag, sizeof(kShader_WatershedToolPreview_frag) - 1},
 };
 
 constexpr char kPlaceholderBody[] =

@@ -9,6 +9,7 @@
 #include "Properties.h"
 #include "Selection.h"
 #include "SharedImage.h"
+#include "Signal.h"
 
 namespace Merivane {
 
@@ -60,6 +61,10 @@ class SharedImageSet : public Data, public Selectable {
   const ElementwiseDataComponentList& elementwiseComponents() const { return elementwise_; }
 
   virtual std::unique_ptr<SharedImageSet> clone(Flags<CloneOptions> options = {}) const;
+
+  // Editors emit this after they have changed the voxels of a frame (its index), so that live
+  // tools can follow; slots must not edit the set themselves.
+  Signal<int> contentChanged;
 
   SharedImageSet* asImageSet() override { return this; }
   const SharedImageSet* asImageSet() const override { return this; }
