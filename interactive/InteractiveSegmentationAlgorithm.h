@@ -40,6 +40,8 @@ class InteractiveSegmentationAlgorithm : public GraphBasedSegmentation {
 
   SharedImageSet* image() const { return images_; }
   SharedImageSet* labels() const { return labels_; }
+  // Whether a label map came with the image (it is then the caller's, already among its data).
+  bool labelsGiven() const { return labelsGiven_; }
   // Works on another label map from now on (null: none); the state of earlier runs goes.
   void setLabels(SharedImageSet* labels);
   // A zeroed label map on the image's grid, owned by this algorithm, which now works on it.

@@ -84,6 +84,7 @@ TEST(InteractiveSegmentation, RunsForceTheInteractiveSolverSettings) {
   config.setParam("Solver Tolerance", 0.5);
   seg.configure(&config);
   seg.autoCrop = false;
+  EXPECT_TRUE(seg.labelsGiven());
   seg.compute();
   ASSERT_EQ(seg.status(), Algorithm::statusSuccess);
   EXPECT_EQ(seg.solverId.value(), 4);
@@ -189,6 +190,7 @@ TEST(InteractiveSegmentation, ExportsAndLabelsCreatedForAnImageAlone) {
   TestKit::LogCapture log;
   InteractiveSegmentationAlgorithm seg(*p.image, nullptr);
   EXPECT_EQ(seg.labels(), nullptr);
+  EXPECT_FALSE(seg.labelsGiven());
   seg.compute();  // nothing to work on: a warning, nothing else
   EXPECT_EQ(seg.status(), Algorithm::statusUnknown);
   SharedImageSet* labels = seg.createLabels();
