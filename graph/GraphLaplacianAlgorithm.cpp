@@ -97,6 +97,12 @@ void GraphLaplacianAlgorithm::configuration(Properties* properties) const {
 void GraphLaplacianAlgorithm::reset() {
   previousSolution_ = Eigen::VectorXf(1);
   previousSolution_[0] = 0.0f;
+  keptResult_.reset();
+}
+
+void GraphLaplacianAlgorithm::setKeepResultForWarmStart(bool on) {
+  keepResult_ = on;
+  if (!on) keptResult_.reset();
 }
 
 uint64_t GraphLaplacianAlgorithm::memoryEstimation(int level) const {
@@ -260,6 +266,8 @@ void GraphLaplacianAlgorithm::compute() {
   const auto total = Clock::now();
   auto step = Clock::now();
   result_.reset();
+  levelIterations_.clear();
+  lastWarmStarted_ = false;
   if (!validateParameters(kCategory, {graph_.get()})) return;
   if (!image_ || !labels_ || !labels_->mem()) {
     LOG_ERROR(kCategory, "Input for the graph segmentation is missing");
@@ -288,6 +296,11 @@ void GraphLaplacianAlgorithm::compute() {
   labelPyramid.createLevels(numLevels.value());
   if (prior_) priorPyramid.createLevels(numLevels.value());
   const int nLevels = resultPyramid.createLevels(numLevels.value());
+  // The kept result of the last run, in a pyramid of its own: each level's warm start.
+  const bool warm = keepResult_ && reuseSolution.value() && keptResult_ &&
+                    keptResult_->descriptor().dimensions == labels_->descriptor().dimensions;
+  ImagePyramid warmPyramid(warm ? keptResult_.get() : nullptr, false, true, true);
+  if (warm) warmPyramid.createLevels(numLevels.value());
   const int minIndex = std::max(std::min(minLevel.value(), nLevels) - 1, 0);
   if (minLevel.value() > nLevels && nLevels > 0)
     LOG_WARN(kCategory, "Min Level " << minLevel.value() << " is above the levels made (" << nLevels
@@ -318,9 +331,16 @@ void GraphLaplacianAlgorithm::compute() {
     step = Clock::now();
     graph_->generateGraph(*imagePyramid.level(level), *labelPyramid.level(level));
     if (verbose) LOG_INFO(kCategory, "[GraphSegmentation] 1) Generation of the graph: " << msSince(step) << " ms");
-    // The coarser result, already propagated into this level, warm-starts the solve.
-    if (level != nLevels - 1) previousSolution_ = graph_->generateVectorFromImage(*resultPyramid.level(level));
+    // The coarser result, already propagated into this level, warm-starts the solve; or the
+    // kept result of the last run at this level, node by node.
+    if (warm && warmPyramid.level(level)) {
+      previousSolution_ = graph_->generateVectorFromImage(*warmPyramid.level(level));
+      lastWarmStarted_ = true;
+    } else if (level != nLevels - 1) {
+      previousSolution_ = graph_->generateVectorFromImage(*resultPyramid.level(level));
+    }
     lastSolution = solveLaplace(priorPyramid.level(level));
+    levelIterations_.push_back(lastIterations_);
     if (lastSolveStatus_ != statusSuccess) {
       if (lastSolveStatus_ == statusCanceled) LOG_WARN(kCategory, "Segmentation cancelled");
       result_.reset();
@@ -344,6 +364,7 @@ void GraphLaplacianAlgorithm::compute() {
     setStatus(statusInvalidInput);
     return;
   }
+  if (keepResult_) keptResult_ = result_->clone();
   if (verbose) {
     LOG_INFO(kCategory, "[GraphSegmentation] 4) Mapping the result to the label map: " << msSince(step) << " ms");
     LOG_INFO(kCategory, "Segmentation computed in " << msSince(total) / 1000.0 << "s");

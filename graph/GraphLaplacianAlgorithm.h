@@ -5,6 +5,7 @@
 #include <Eigen/Core>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "Algorithm.h"
 #include "GraphLaplacianIds.h"
@@ -35,8 +36,19 @@ class GraphLaplacianAlgorithm : public Algorithm {
   Eigen::VectorXf solveLaplace(SharedImage* prior);
 
   void updateLabels(SharedImage& labels) { labels_ = &labels; }
-  // Forgets the warm-start vector.
+  // Forgets the warm-start vector and the kept result.
   void reset();
+  // Off by default. When on, a successful compute() keeps a copy of its result, and the next
+  // compute() on labels of the same size (with "Re-Use Solution") starts every level's solve
+  // from that result, sampled at the level's unknowns, instead of from the coarser level's
+  // result (or the previous vector by position). The interactive loop turns it on: a
+  // correction stroke changes the solution near the stroke only.
+  void setKeepResultForWarmStart(bool on);
+  bool keepsResultForWarmStart() const { return keepResult_; }
+  // Whether the last compute() started from the kept result.
+  bool lastComputeWarmStarted() const { return lastWarmStarted_; }
+  // Iterations of each level solved by the last compute(), coarse to fine.
+  const std::vector<int>& levelIterations() const { return levelIterations_; }
   // Bytes that a solve at the given pyramid level (counted from 1) is expected to hold.
   uint64_t memoryEstimation(int level) const;
   // Whether a label image holds both the object and the background seed label.
@@ -86,6 +98,10 @@ class GraphLaplacianAlgorithm : public Algorithm {
   int lastIterations_ = 0;
   double lastResidual_ = 0.0;
   int lastSolveStatus_ = statusSuccess;
+  bool keepResult_ = false;
+  bool lastWarmStarted_ = false;
+  std::unique_ptr<SharedImage> keptResult_;  // the last result, for the warm start
+  std::vector<int> levelIterations_;
   std::function<bool()> canceled_;  // the run's progress task, during compute()
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 #include "Image.h"
 #include "Log.h"
@@ -43,6 +44,11 @@ LabelingAlgorithm::LabelingAlgorithm(SharedImageSet* image, SharedImageSet* labe
     associations_ = *associations;
     hasAssociations_ = true;
   }
+  setLabelMap(labelMap);
+}
+
+void LabelingAlgorithm::setLabelMap(SharedImageSet* labelMap) {
+  labelMap_ = labelMap;
   if (!labelMap_) return;
   bool converted = false;
   for (int i = 0; i < labelMap_->size(); ++i) {
@@ -57,6 +63,55 @@ LabelingAlgorithm::LabelingAlgorithm(SharedImageSet* image, SharedImageSet* labe
 }
 
 LabelingAlgorithm::~LabelingAlgorithm() = default;
+
+std::vector<std::vector<double>> LabelingAlgorithm::statistics(const SharedImage& labelFrame,
+                                                                const std::vector<int>& labels,
+                                                                int imageFrame) const {
+  const SharedImage* frame = image_ ? image_->get(imageFrame) : nullptr;
+  const MemImage* img = frame ? frame->mem() : nullptr;
+  const auto* lab = dynamic_cast<const TypedImage<uint8_t>*>(labelFrame.mem());
+  if (!img || !lab || lab->channels() != 1 || img->dimensions() != lab->dimensions()) return {};
+  struct Sums {
+    int64_t count = 0;
+    double mean = 0.0, m2 = 0.0, min = 0.0, max = 0.0;  // running mean and squared deviations
+  };
+  // One slot per label value; labels outside 0..255 stay empty.
+  std::vector<Sums> sums(256);
+  const uint8_t* l = lab->pointer();
+  const size_t n = lab->descriptor().pixelCount();
+  const int channels = img->channels();
+  const ImageDescriptor& d = img->descriptor();
+  dispatchPixelType(img->type(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* p = static_cast<const T*>(img->data());
+    // Serial and in voxel order, so that the sums do not depend on the thread count.
+    for (size_t i = 0; i < n; ++i) {
+      Sums& s = sums[l[i]];
+      const double v = d.toPhysical(static_cast<double>(p[i * static_cast<size_t>(channels)]));
+      if (s.count == 0) s.min = s.max = v;
+      s.min = std::min(s.min, v);
+      s.max = std::max(s.max, v);
+      ++s.count;
+      const double delta = v - s.mean;
+      s.mean += delta / static_cast<double>(s.count);
+      s.m2 += delta * (v - s.mean);
+    }
+  });
+  const Eigen::Vector3d sp = frame->descriptor().spacing;
+  const double pixelSize = sp[0] * sp[1] * sp[2];
+  std::vector<std::vector<double>> out;
+  for (int label : labels) {
+    if (label < 0 || label > 255 || sums[static_cast<size_t>(label)].count == 0) {
+      out.push_back({0.0, 0.0, 0.0, 0.0, 0.0});
+      continue;
+    }
+    const Sums& s = sums[static_cast<size_t>(label)];
+    const double count = static_cast<double>(s.count);
+    const double variance = s.count > 1 ? s.m2 / (count - 1) : 0.0;
+    out.push_back({count * pixelSize, s.mean, std::sqrt(variance), s.min, s.max});
+  }
+  return out;
+}
 
 bool LabelingAlgorithm::createCompatible(const DataList& data, Algorithm** algorithm) {
   const auto sets = data.getImages();

@@ -6,11 +6,13 @@
 // stored-to-original mapping is not the identity is rewritten in place (each voxel rounded to
 // the nearest label, the mapping reset) and the set is marked as a label map.
 #include <map>
+#include <vector>
 
 #include "Algorithm.h"
 
 namespace Merivane {
 
+class SharedImage;
 class SharedImageSet;
 
 class LabelingAlgorithm : public Algorithm {
@@ -26,6 +28,17 @@ class LabelingAlgorithm : public Algorithm {
 
   SharedImageSet* image() const { return image_; }
   SharedImageSet* labelMap() const { return labelMap_; }
+  // Replaces the label map worked on (null: none), converted like one given at construction.
+  void setLabelMap(SharedImageSet* labelMap);
+
+  // Measures the image's frame `imageFrame` (-1: the focus) under each of `labels` in
+  // `labelFrame`, which must have that frame's dimensions: one list per label of size (pixel
+  // count times the product of the three spacings, mm² or mm³), mean, sample standard
+  // deviation, minimum and maximum of channel 0 in physical values (stored / scale - shift).
+  // A label without pixels gives zeros; the deviation of one pixel is 0. Empty when the frames
+  // do not fit.
+  std::vector<std::vector<double>> statistics(const SharedImage& labelFrame, const std::vector<int>& labels,
+                                              int imageFrame = -1) const;
   // Image frame to label frame, when the caller gave such a map.
   const std::map<int, int>& associations() const { return associations_; }
   bool hasAssociations() const { return hasAssociations_; }

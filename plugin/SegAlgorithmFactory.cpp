@@ -3,6 +3,8 @@
 #include "GraphBasedSegmentation.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
+#include "InteractiveSegmentationAlgorithm.h"
+#include "InteractiveSegmentationWatershedAlgorithm.h"
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
@@ -18,6 +20,9 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
+  registerAlgorithm<InteractiveSegmentationAlgorithm>("InteractiveSegmentation", "Segmentation;Interactive Segmentation");
+  registerAlgorithm<InteractiveSegmentationWatershedAlgorithm>("InteractiveSegmentationWatershed",
+                                                               "Segmentation;Interactive Watershed Segmentation");
   registerAlgorithm<LabelingAlgorithm>("Labeling", "Segmentation;Labeling");
   registerAlgorithm<LabelStatisticsAlgorithm>("LabelStatistics", "Segmentation;Statistics");
   registerAlgorithm<MakeCompatibleLabelMapAlgorithm>("MakeCompatibleLabelMap",

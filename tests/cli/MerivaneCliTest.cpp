@@ -79,6 +79,54 @@ TEST(MerivaneCli, WatershedRunUpdatesTheSeedsInPlaceAndTheResultOverlaysTheImage
   EXPECT_NE(r.err.find("progress"), std::string::npos) << "progress lines when stderr is not a terminal";
 }
 
+class MerivaneCliInteractive : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(MerivaneCliInteractive, RunFromSeedsAcceptsIntoTheLabelMapAndExportsTheProbability) {
+  TestKit::ScratchDir dir;
+  writePhantom(dir, ".nrrd");
+  const Outcome r = merivane(dir, std::string("run ") + GetParam() + " --in " + dir.file("image.nrrd") +
+                                      " --in-labels " + dir.file("seeds.nrrd") +
+                                      " --set \"Auto-Accept Segmentation=true\" --set \"Export Probability=true\"" +
+                                      " --out " + dir.file("out") + " --write-inputs");
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::string error;
+  auto labels = IO::readImage(dir.file("out/seeds-updated.nrrd"), &error);
+  ASSERT_TRUE(labels) << error;
+  const auto* p = static_cast<const unsigned char*>(labels->mem(0)->data());
+  auto at = [&](int x, int y, int z) { return p[(z * 16 + y) * 20 + x]; };
+  for (int z = 0; z < 6; ++z)
+    for (int y = 0; y < 16; ++y)
+      for (int x = 0; x < 20; ++x) ASSERT_EQ(at(x, y, z), x < 10 ? 1 : 2) << x << "," << y << "," << z;
+  EXPECT_TRUE(labels->get(0)->matrix().isApprox(obliqueMatrix(), 1e-12));
+  auto probability = IO::readImage(dir.file("out/Probability.nrrd"), &error);
+  ASSERT_TRUE(probability) << error << "\n" << r.out;
+  EXPECT_EQ(probability->mem(0)->type(), F32);
+}
+
+TEST_P(MerivaneCliInteractive, SeedsOfOneLabelOnlyFailWithStatusAndReason) {
+  TestKit::ScratchDir dir;
+  auto image = TestKit::makeImage<float>({12, 12, 4}, [](int x, int, int) { return x; });
+  auto seeds = TestKit::makeImage<unsigned char>({12, 12, 4}, [](int x, int, int) { return x == 2 ? 2 : 0; });
+  std::string error;
+  ASSERT_TRUE(IO::writeImage(*image, dir.file("image.nrrd"), &error)) << error;
+  ASSERT_TRUE(IO::writeImage(*seeds, dir.file("seeds.nrrd"), &error)) << error;
+  const Outcome r = merivane(dir, std::string("run ") + GetParam() + " --in " + dir.file("image.nrrd") +
+                                      " --in-labels " + dir.file("seeds.nrrd") + " --out " + dir.file("out") +
+                                      " --write-inputs");
+  if (std::string(GetParam()) == "InteractiveSegmentation") {
+    EXPECT_EQ(r.code, 1) << r.err;
+    EXPECT_NE(r.err.find("status 3"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("none of label 1"), std::string::npos) << r.err;
+    EXPECT_FALSE(std::filesystem::exists(dir.file("out/seeds-updated.nrrd")));
+  } else {
+    // The watershed floods from any marker: the background takes everything.
+    EXPECT_EQ(r.code, 0) << r.err;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, MerivaneCliInteractive,
+                         ::testing::Values("InteractiveSegmentation", "InteractiveSegmentationWatershed"));
+
 TEST(MerivaneCli, NewLabelMapIsWrittenInTheInputFormatWithTheInputGeometry) {
   TestKit::ScratchDir dir;
   writePhantom(dir, ".nii.gz");

@@ -61,4 +61,30 @@ TEST(LabelingAlgorithm, PlainLabelMapsStayAsTheyAre) {
 }
 
 }  // namespace
+TEST(LabelingAlgorithm, StatisticsMeasureTheImageUnderEachLabelInPhysicalValues) {
+  // Stored values 0..5 along x with scale 2 and shift 1: physical x / 2 - 1. Spacing 0.5 x 2 x 3.
+  auto image = TestKit::makeImage<unsigned short>({6, 2, 1}, [](int x, int, int) { return x; });
+  image->get(0)->setShiftScale(1.0, 2.0);
+  image->get(0)->setSpacing(Eigen::Vector3d(0.5, 2.0, 3.0));
+  // Label 1 on x = 0..2 of row 0, label 2 on x = 5 of row 1, label 3 nowhere.
+  auto labels = TestKit::makeImage<unsigned char>({6, 2, 1}, [](int x, int y, int) {
+    return y == 0 ? (x < 3 ? 1 : 0) : (x == 5 ? 2 : 0);
+  });
+  labels->setModality(Data::LABEL);
+  LabelingAlgorithm labeling(image.get(), labels.get());
+  const auto s = labeling.statistics(*labels->get(0), {1, 2, 3});
+  ASSERT_EQ(s.size(), 3u);
+  // Label 1: values -1, -0.5, 0; size 3 pixels of 3 mm³.
+  EXPECT_DOUBLE_EQ(s[0][0], 9.0);
+  EXPECT_DOUBLE_EQ(s[0][1], -0.5);
+  EXPECT_DOUBLE_EQ(s[0][2], 0.5);  // sample deviation
+  EXPECT_DOUBLE_EQ(s[0][3], -1.0);
+  EXPECT_DOUBLE_EQ(s[0][4], 0.0);
+  EXPECT_EQ(s[1], (std::vector<double>{3.0, 1.5, 0.0, 1.5, 1.5}));
+  EXPECT_EQ(s[2], (std::vector<double>{0.0, 0.0, 0.0, 0.0, 0.0}));
+  // A label frame of another size gives nothing.
+  auto other = labelMap({5, 2, 1});
+  EXPECT_TRUE(labeling.statistics(*other->get(0), {1}).empty());
+}
+
 }  // namespace Merivane

@@ -125,7 +125,9 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->isCompatible(DataList{})) << d->id;
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.LabelToMesh", "Seg.Labeling",
+  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.LabelToMesh",
+                                           "Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed",
+                                           "Seg.Labeling",
                                            "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
                                            "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours"}));
@@ -144,4 +146,28 @@ TEST(SegAlgorithmControllerFactory, NullAndForeignAlgorithmsGetNoController) {
   EXPECT_EQ(f.create(nullptr), nullptr);
   ProbeAlgorithm foreign;
   EXPECT_EQ(f.create(&foreign), nullptr);
+}
+
+TEST(SegAlgorithmFactory, InteractiveRowsTakeAnImageAloneOrWithAFittingLabelMap) {
+  SegAlgorithmFactory f;
+  auto image = TestKit::makeSet(F32, {6, 5, 4});
+  auto labels = TestKit::makeSet(U8, {6, 5, 4});
+  auto wide = TestKit::makeSet(U8, {6, 5, 4}, 1, 2);
+  auto other = TestKit::makeSet(U8, {6, 5, 3});
+  for (const char* name : {"Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed"}) {
+    const auto* d = f.algorithmDescriptor(name);
+    ASSERT_TRUE(d) << name;
+    EXPECT_TRUE(d->isCompatible(DataList{image.get()})) << name;
+    EXPECT_TRUE(d->isCompatible(DataList{image.get(), labels.get()})) << name;
+    EXPECT_FALSE(d->isCompatible(DataList{image.get(), wide.get()})) << name;
+    EXPECT_FALSE(d->isCompatible(DataList{image.get(), other.get()})) << name;
+    EXPECT_FALSE(d->isCompatible(DataList{image.get(), labels.get(), labels.get()})) << name;
+    auto a = d->create(DataList{image.get(), labels.get()});
+    ASSERT_TRUE(a) << name;
+    // Their panel is never the graph-based one, although they derive from it.
+    SegAlgorithmControllerFactory controllers;
+    EXPECT_EQ(controllers.create(a.get()), nullptr) << name;
+  }
+  EXPECT_EQ(f.algorithmDescriptor("Seg.InteractiveSegmentationWatershed")->menuPath,
+            "Segmentation;Interactive Watershed Segmentation");
 }
