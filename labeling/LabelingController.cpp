@@ -613,7 +613,8 @@ void LabelingController::onApplyThreshold() {
   syncThreshold();
   SharedImageSet* labels = labeling_->labelMap();
   const int frame = std::max(0, labels->selection().focus());
-  if (manipulator_->edit("Threshold", [&] { threshold_->apply(frame); }))
+  // The tool spares the locked labels but takes the current one (see syncThreshold).
+  if (manipulator_->edit("Threshold", [&] { threshold_->apply(frame); }, false))
     say(tr("Voxels from %1 to %2 labelled %3.").arg(thresholdLow_->value()).arg(thresholdHigh_->value()).arg(currentLabel()));
   else if (manipulator_->lastRefusal().empty())
     say(tr("No voxel from %1 to %2 changed.").arg(thresholdLow_->value()).arg(thresholdHigh_->value()));

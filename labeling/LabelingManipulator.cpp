@@ -303,12 +303,13 @@ bool LabelingManipulator::fillUnlabeled(const std::vector<int>& frames) {
   return any;
 }
 
-bool LabelingManipulator::edit(const std::string& description, const std::function<void()>& change) {
+bool LabelingManipulator::edit(const std::string& description, const std::function<void()>& change,
+                               bool refuseLockedLabel) {
   refusal_.clear();
   if (!valid_) return refuse("The label map does not fit the image (another grid, or not a U8 label map)");
   if (busyCheck_)
     if (std::string busy = busyCheck_(); !busy.empty()) return refuse(busy);
-  if (painter_.preserveLabel(static_cast<unsigned char>(label_)))
+  if (refuseLockedLabel && painter_.preserveLabel(static_cast<unsigned char>(label_)))
     return refuse("Label " + std::to_string(label_) + " is locked");
   const MemImage* mem = labelMap_.mem();
   if (!mem) return false;
@@ -331,14 +332,17 @@ bool LabelingManipulator::refine(const std::string& description,
     refusal_.clear();
     return refuse("Refinement works on a label: choose one other than 0");
   }
-  return edit(description, [&] {
-    LabelMapRefinement refinement(&image_, labelMap_);
-    refinement.setAffectedLabel(static_cast<unsigned char>(label_));
-    for (int l = 0; l < 256; ++l)
-      if (l != label_ && painter_.preserveLabel(static_cast<unsigned char>(l)))
-        refinement.lockLabel(static_cast<unsigned char>(l), true);
-    op(refinement);
-  });
+  return edit(
+      description,
+      [&] {
+        LabelMapRefinement refinement(&image_, labelMap_);
+        refinement.setAffectedLabel(static_cast<unsigned char>(label_));
+        for (int l = 0; l < 256; ++l)
+          if (l != label_ && painter_.preserveLabel(static_cast<unsigned char>(l)))
+            refinement.lockLabel(static_cast<unsigned char>(l), true);
+        op(refinement);
+      },
+      false);
 }
 
 void LabelingManipulator::clear() {

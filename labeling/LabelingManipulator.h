@@ -73,13 +73,14 @@ class LabelingManipulator : public GUI::ViewObject::EventHandler, public SignalR
   // Frames beyond the set are skipped; true when any voxel changed.
   bool fillUnlabeled(const std::vector<int>& frames);
   // Runs `change` on the focused label frame as one undo step named `description`. Refused
-  // (logged, `refused` emitted, nothing run) as a stroke is: a refused pair, a busy check that
-  // answers, a locked current label. True when the focused frame changed; an edit that
-  // changes nothing records no step.
-  bool edit(const std::string& description, const std::function<void()>& change);
+  // (logged, `refused` emitted, nothing run) when the pair was refused or the busy check
+  // answers, and with `refuseLockedLabel` also when the painter preserves the current label.
+  // True when the focused frame changed; an edit that changes nothing records no step.
+  bool edit(const std::string& description, const std::function<void()>& change, bool refuseLockedLabel = true);
   // Seg::LabelMapRefinement of the current label in the focused frame, as one undo step:
-  // `op` gets a refinement set to the current label, with the image, and with every label
-  // the painter preserves locked but the current one. Label 0 is refused.
+  // `op` gets a refinement set to the current label, with the image, and with every label the
+  // painter preserves locked except the current one (so "Avoid Other Labels" keeps the others
+  // from being overwritten while the label itself may change). Label 0 is refused.
   bool refine(const std::string& description, const std::function<void(LabelMapRefinement&)>& op);
 
   bool undo();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <numeric>
+#include <stdexcept>
 
 #include "Log.h"
 #include "Progress.h"

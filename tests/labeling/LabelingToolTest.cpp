@@ -370,18 +370,34 @@ TEST_F(LabelingTool, RefineRunsTheChosenOperationOnTheCurrentLabelAsOneUndoStep)
   EXPECT_EQ(panel.manipulator()->undoLevels(), levels);
   EXPECT_TRUE(panel.message().contains("as it was")) << panel.message().toStdString();
 
-  // Label 0, and a locked label, are refused without a change.
+  // Label 0 is refused without a change.
   child<QSpinBox>(panel, "spinBoxLabel")->setValue(0);
   operation->setCurrentText("Dilate");
   press(panel, "pushButtonRefine");
   EXPECT_EQ(s.voxels(), before);
   EXPECT_FALSE(panel.message().isEmpty());
-  child<QSpinBox>(panel, "spinBoxLabel")->setValue(4);
-  child<QCheckBox>(panel, "checkBoxAvoidOtherLabels")->setChecked(true);
-  press(panel, "pushButtonRefine");
-  EXPECT_EQ(s.voxels(), before);
-  EXPECT_TRUE(panel.message().contains("locked")) << panel.message().toStdString();
   EXPECT_EQ(panel.manipulator()->undoLevels(), levels);
+}
+
+TEST_F(LabelingTool, RefineGrowsTheLabelOverOthersUnlessTheyAreAvoided) {
+  // Label 2 for x < 4, 0 up to x = 8, label 4 from there on.
+  for (bool avoid : {false, true}) {
+    Scene s([](int x, int, int) { return x < 4 ? 2 : x < 8 ? 0 : 4; });
+    LabelingAlgorithm algorithm(s.image.get(), s.labels.get());
+    LabelingController panel(&algorithm, &s.views, &s.model);
+    panel.init();
+    child<QCheckBox>(panel, "checkBoxAvoidOtherLabels")->setChecked(avoid);
+    child<QSpinBox>(panel, "spinBoxLabel")->setValue(4);
+    child<QComboBox>(panel, "comboBoxRefineOperation")->setCurrentText("Dilate");
+    child<QSpinBox>(panel, "spinBoxRefineSize")->setValue(6);
+    press(panel, "pushButtonRefine");
+    const Voxels after = s.voxels();
+    for (int x = 0; x < kDims[0]; ++x) {
+      const int expected = x >= 2 && !(avoid && x < 4) ? 4 : 2;
+      EXPECT_EQ(after[static_cast<size_t>((3 * kDims[1] + 5) * kDims[0] + x)], expected) << "avoid " << avoid << " x " << x;
+    }
+    EXPECT_TRUE(panel.message().contains("refined")) << panel.message().toStdString();
+  }
 }
 
 TEST_F(LabelingTool, TheThresholdGroupPreviewsAndAppliesTheRangeAsOneUndoStep) {
