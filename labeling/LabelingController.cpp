@@ -1,5 +1,6 @@
 #include "LabelingController.h"
 
+#include <QApplication>
 #include <QCheckBox>
 #include <QColorDialog>
 #include <QComboBox>
@@ -14,23 +15,27 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QShortcut>
+#include <QSignalBlocker>
 #include <QSlider>
 #include <QSpinBox>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 #include "DataModel.h"
 #include "GlCircle.h"
 #include "GlLabelRenderer.h"
 #include "GuiView.h"
 #include "LabelDataComponent.h"
+#include "LabelMapRefinement.h"
 #include "LabelStatisticsAlgorithm.h"
 #include "LabelingAlgorithm.h"
 #include "LabelingManipulator.h"
 #include "Log.h"
 #include "MainWindowBase.h"
 #include "SharedImageSet.h"
+#include "ThresholdTool.h"
 
 namespace Merivane {
 
@@ -50,6 +55,7 @@ LabelingController::LabelingController(LabelingAlgorithm* algorithm, DisplayWidg
 }
 
 LabelingController::~LabelingController() {
+  threshold_.reset();  // takes its preview off the views
   detach();
   if (ownOverlay_)
     if (DisplayWidgetMultiAdapter* v = views())
@@ -86,6 +92,7 @@ int LabelingController::init() {
         if (view->sliceView()) view->view().addObject(ownOverlay_.get());
     }
   if (GlLabelRenderer* o = overlay()) opacity_->setValue(static_cast<int>(std::lround(o->opacity() * 100)));
+  initThresholdRange();
   if (!labeling_->labelMap()) say(tr("No label map: select an image and its label map, then open the tool."), true);
   updateLabelInfo();
   updateButtons();
@@ -138,27 +145,51 @@ void LabelingController::buildPanel() {
   auto* statistics = named(new QPushButton(tr("Statistics"), this), "pushButtonStatistics");
   form->addRow(statistics);
 
+  // The threshold tool (Seg::ThresholdTool): a preview of the range on the slice views, and
+  // Apply, which gives the current label to the voxels of the focused frame within the range.
+  auto* thresholdGroup = named(new QGroupBox(tr("Threshold"), this), "groupBoxThreshold");
+  auto* thresholdForm = new QFormLayout(thresholdGroup);
+  thresholdLow_ = named(new QDoubleSpinBox(thresholdGroup), "doubleSpinBoxThresholdLow");
+  thresholdHigh_ = named(new QDoubleSpinBox(thresholdGroup), "doubleSpinBoxThresholdHigh");
+  for (QDoubleSpinBox* box : {thresholdLow_, thresholdHigh_}) {
+    box->setDecimals(2);
+    box->setRange(-1e9, 1e9);
+  }
+  thresholdLow_->setToolTip(tr("Lowest intensity taken, in the image's original units (included)"));
+  thresholdHigh_->setToolTip(tr("Highest intensity taken, in the image's original units (included)"));
+  thresholdForm->addRow(tr("Low"), thresholdLow_);
+  thresholdForm->addRow(tr("High"), thresholdHigh_);
+  thresholdPreview_ = named(new QCheckBox(tr("Preview"), thresholdGroup), "checkBoxThresholdPreview");
+  thresholdForm->addRow(thresholdPreview_);
+  auto* thresholdApply = named(new QPushButton(tr("Apply Threshold"), thresholdGroup), "pushButtonThresholdApply");
+  thresholdForm->addRow(thresholdApply);
+  form->addRow(thresholdGroup);
+
+  // Refinement of the current label in the focused frame (Seg::LabelMapRefinement).
   refineGroup_ = named(new QGroupBox(tr("Refinement"), this), "groupBoxRefine");
   auto* refineForm = new QFormLayout(refineGroup_);
-  patchSize_ = named(new QSpinBox(refineGroup_), "spinBoxPatchSize");
-  patchSize_->setRange(0, 999);
-  patchSize_->setValue(100);
-  refineForm->addRow(tr("Patch size"), patchSize_);
-  smoothness_ = named(new QDoubleSpinBox(refineGroup_), "doubleSpinBoxSmoothness");
-  smoothness_->setDecimals(3);
-  smoothness_->setRange(0.001, 9.99);
-  smoothness_->setSingleStep(0.05);
-  smoothness_->setValue(0.01);
-  refineForm->addRow(tr("Smoothness"), smoothness_);
-  filterings_ = named(new QSpinBox(refineGroup_), "spinBoxFilterings");
-  filterings_->setRange(0, 999);
-  filterings_->setValue(1);
-  refineForm->addRow(tr("Number of filterings"), filterings_);
-  workingSize_ = named(new QSpinBox(refineGroup_), "spinBoxWorkingSize");
-  workingSize_->setRange(0, 1000);
-  workingSize_->setSingleStep(2);
-  workingSize_->setValue(21);
-  refineForm->addRow(tr("Working size"), workingSize_);
+  refineOperation_ = named(new QComboBox(refineGroup_), "comboBoxRefineOperation");
+  refineOperation_->addItems({tr("Snap to Image Edges"), tr("Smooth (Median)"), tr("Smooth (Gaussian)"),
+                              tr("Fill Holes"), tr("Remove Small Components"), tr("Keep Largest Component"),
+                              tr("Dilate"), tr("Erode")});
+  refineOperation_->setToolTip(
+      tr("Snap: a watershed of the image moves the border to the strongest edge within about twice the "
+         "size; Smooth: median or Gaussian of the label's outline; Fill Holes: background enclosed by the "
+         "label; Remove Small Components: parts of fewer voxels than the minimum; Keep Largest Component; "
+         "Dilate and Erode: by a ball of the size"));
+  refineForm->addRow(tr("Operation"), refineOperation_);
+  refineSize_ = named(new QSpinBox(refineGroup_), "spinBoxRefineSize");
+  refineSize_->setRange(1, 100);
+  refineSize_->setValue(3);
+  refineSize_->setSuffix(tr(" voxels"));
+  refineSize_->setToolTip(tr("Band of the snap, window of the smoothing, radius of dilation and erosion"));
+  refineForm->addRow(tr("Size"), refineSize_);
+  refineMinSize_ = named(new QSpinBox(refineGroup_), "spinBoxRefineMinSize");
+  refineMinSize_->setRange(1, 1000000000);
+  refineMinSize_->setValue(100);
+  refineMinSize_->setSuffix(tr(" voxels"));
+  refineMinSize_->setToolTip(tr("Remove Small Components drops the parts of the label with fewer voxels"));
+  refineForm->addRow(tr("Minimum component"), refineMinSize_);
   auto* refine = named(new QPushButton(tr("Refine"), refineGroup_), "pushButtonRefine");
   refineForm->addRow(refine);
   refineGroup_->setVisible(false);
@@ -213,6 +244,12 @@ void LabelingController::buildPanel() {
   });
   connect(statistics, &QPushButton::clicked, this, &LabelingController::onStatistics);
   connect(refine, &QPushButton::clicked, this, &LabelingController::onRefine);
+  connect(thresholdLow_, QOverload<double>::of(&QDoubleSpinBox::valueChanged), this,
+          [this](double) { syncThreshold(); });
+  connect(thresholdHigh_, QOverload<double>::of(&QDoubleSpinBox::valueChanged), this,
+          [this](double) { syncThreshold(); });
+  connect(thresholdPreview_, &QCheckBox::toggled, this, &LabelingController::onThresholdPreview);
+  connect(thresholdApply, &QPushButton::clicked, this, &LabelingController::onApplyThreshold);
   connect(showSettings, &QPushButton::clicked, this, &LabelingController::onShowRefineOptions);
   connect(stop_, &QPushButton::clicked, this, &LabelingController::onStopLabeling);
   connect(fill, &QPushButton::clicked, this, &LabelingController::onFill);
@@ -233,6 +270,28 @@ void LabelingController::buildPanel() {
     shortcut->setContext(Qt::WindowShortcut);
     connect(shortcut, &QShortcut::activated, this, slot);
   }
+}
+
+void LabelingController::initThresholdRange() {
+  // From the middle of the focused frame's range to its top, in original units.
+  const MemImage* mem = labeling_->image() ? labeling_->image()->mem() : nullptr;
+  if (!mem) return;
+  double lo = 0, hi = 0;
+  bool found = false;
+  dispatchPixelType(mem->type(), [&](auto tag) {
+    using T = decltype(tag);
+    T a, b;
+    if (const auto* t = dynamic_cast<const TypedImage<T>*>(mem); t && t->getRange(a, b)) {
+      lo = mem->descriptor().toPhysical(static_cast<double>(a));
+      hi = mem->descriptor().toPhysical(static_cast<double>(b));
+      found = true;
+    }
+  });
+  if (!found || !std::isfinite(lo) || !std::isfinite(hi)) return;
+  if (lo > hi) std::swap(lo, hi);
+  const QSignalBlocker blockLow(thresholdLow_), blockHigh(thresholdHigh_);
+  thresholdLow_->setValue((lo + hi) * 0.5);
+  thresholdHigh_->setValue(hi);
 }
 
 QString LabelingController::message() const { return status_ ? status_->text() : QString(); }
@@ -382,6 +441,7 @@ void LabelingController::onRedo() {
 
 void LabelingController::onSetLabel(int label) {
   if (manipulator_) manipulator_->setLabel(label);
+  syncThreshold();
   updateLabelInfo();
   updateViews();
 }
@@ -445,6 +505,7 @@ void LabelingController::onSetAdaptiveness(int value) {
 }
 
 void LabelingController::onToggleAvoidOtherLabels(bool checked) {
+  syncThreshold();
   if (!manipulator_) return;
   for (int l = 1; l <= 255; ++l) manipulator_->painter().setPreserveLabel(static_cast<unsigned char>(l), checked);
 }
@@ -476,8 +537,89 @@ void LabelingController::onFill() {
 }
 
 void LabelingController::onRefine() {
-  LOG_WARN(kCategory, "Refine is not available: label map refinement is not part of this build");
-  say(tr("Refine is not available in this build."), true);
+  if (!ensureManipulator()) return;
+  using Refinement = Seg::LabelMapRefinement;
+  const int size = refineSize_->value();
+  const unsigned long minSize = static_cast<unsigned long>(refineMinSize_->value());
+  std::function<void(Refinement&)> op;
+  switch (refineOperation_->currentIndex()) {
+    case 0: op = [size](Refinement& r) { r.imageBasedRefinement(size); }; break;
+    case 1: op = [size](Refinement& r) { r.smooth(size, Refinement::Median); }; break;
+    case 2: op = [size](Refinement& r) { r.smooth(size, Refinement::Gaussian); }; break;
+    case 3: op = [](Refinement& r) { r.fillHoles(); }; break;
+    case 4: op = [minSize](Refinement& r) { r.removeSmallComponents(std::nullopt, minSize); }; break;
+    case 5: op = [](Refinement& r) { r.keepNLargestComponents(1); }; break;
+    case 6: op = [size](Refinement& r) { r.dilate(size); }; break;
+    case 7: op = [size](Refinement& r) { r.erode(size); }; break;
+    default: return;
+  }
+  const QString what = refineOperation_->currentText();
+  if (QApplication::instance()) QApplication::setOverrideCursor(Qt::WaitCursor);
+  const bool changed = manipulator_->refine(what.toStdString(), op);
+  if (QApplication::instance()) QApplication::restoreOverrideCursor();
+  if (changed)
+    say(tr("%1: label %2 refined.").arg(what).arg(currentLabel()));
+  else if (manipulator_->lastRefusal().empty())
+    say(tr("%1 left label %2 as it was.").arg(what).arg(currentLabel()));
+  updateButtons();
+  updateViews();
+}
+
+bool LabelingController::ensureThresholdTool() {
+  if (threshold_) return true;
+  if (!labeling_->labelMap() || !labeling_->image()) {
+    say(tr("No label map: select an image and its label map, then open the tool."), true);
+    return false;
+  }
+  DisplayWidgetMultiAdapter* v = views();
+  threshold_ = v ? std::make_unique<Seg::ThresholdTool>(*v) : std::make_unique<Seg::ThresholdTool>();
+  threshold_->setTargetLabelMap(labeling_->image(), labeling_->labelMap());
+  if (!threshold_->labelMap()) {
+    threshold_.reset();
+    say(tr("The label map does not share the image's grid (size or spacing), or is not a U8 label map."), true);
+    return false;
+  }
+  syncThreshold();
+  return true;
+}
+
+void LabelingController::syncThreshold() {
+  if (!threshold_) return;
+  threshold_->setRangeOriginal(thresholdLow_->value(), thresholdHigh_->value());
+  threshold_->setActiveLabel(static_cast<unsigned char>(std::clamp(currentLabel(), 0, 255)));
+  // The same locks as the brush: "Avoid Other Labels" spares every other label.
+  const bool avoid = avoidOthers_->isChecked();
+  for (int l = 1; l <= 255; ++l)
+    threshold_->setPreserveLabel(static_cast<unsigned char>(l), avoid && l != currentLabel());
+}
+
+void LabelingController::onThresholdPreview(bool on) {
+  if (!on) {
+    if (threshold_) threshold_->disable();
+    updateViews();
+    return;
+  }
+  if (!ensureThresholdTool()) {
+    const QSignalBlocker block(thresholdPreview_);
+    thresholdPreview_->setChecked(false);
+    return;
+  }
+  threshold_->enable();
+  updateViews();
+}
+
+void LabelingController::onApplyThreshold() {
+  if (!ensureManipulator() || !ensureThresholdTool()) return;
+  syncThreshold();
+  SharedImageSet* labels = labeling_->labelMap();
+  const int frame = std::max(0, labels->selection().focus());
+  // The tool spares the locked labels but takes the current one (see syncThreshold).
+  if (manipulator_->edit("Threshold", [&] { threshold_->apply(frame); }, false))
+    say(tr("Voxels from %1 to %2 labelled %3.").arg(thresholdLow_->value()).arg(thresholdHigh_->value()).arg(currentLabel()));
+  else if (manipulator_->lastRefusal().empty())
+    say(tr("No voxel from %1 to %2 changed.").arg(thresholdLow_->value()).arg(thresholdHigh_->value()));
+  updateButtons();
+  updateViews();
 }
 
 void LabelingController::onStatistics() {

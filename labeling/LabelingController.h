@@ -1,7 +1,9 @@
 #pragma once
 // The panel of the labeling tool: brush settings, the label with its name and colour, start
 // and stop of painting or flood filling on the window's slice views, fill, clear, undo and
-// redo, export, and a line that says what the tool refused and why. The tool itself
+// redo, refinement of the current label (Seg::LabelMapRefinement), a threshold tool
+// (Seg::ThresholdTool) with its preview, export, and a line that says what the tool refused
+// and why. The tool itself
 // (Seg::LabelingManipulator, which keeps the undo history) lives as long as the panel.
 #include <QWidget>
 #include <memory>
@@ -35,6 +37,7 @@ class TypedViewObject;
 }
 namespace Seg {
 class LabelingManipulator;
+class ThresholdTool;
 }
 
 class LabelingController : public QWidget, public AlgorithmController {
@@ -76,9 +79,16 @@ class LabelingController : public QWidget, public AlgorithmController {
   void onSetLabelName(const QString& name);
   void onSetLabelColor(const QColor& color);
   void onSetTolerance(double tolerance);
+  // The threshold group: the preview on the views, and Apply into the focused frame (one undo
+  // step), with the current label and the locks of "Avoid Other Labels".
+  void onThresholdPreview(bool on);
+  void onApplyThreshold();
 
  private:
   void buildPanel();
+  void initThresholdRange();
+  bool ensureThresholdTool();
+  void syncThreshold();
   bool ensureManipulator();
   void start(bool floodFill);
   void attach();
@@ -98,6 +108,7 @@ class LabelingController : public QWidget, public AlgorithmController {
   std::unique_ptr<Seg::LabelingManipulator> manipulator_;
   std::unique_ptr<GUI::TypedViewObject<GlCircle>> viewObject_;
   std::unique_ptr<GlLabelRenderer> ownOverlay_;  // when the window shows no overlay of the map
+  std::unique_ptr<Seg::ThresholdTool> threshold_;  // made on the first preview or apply
   bool attached_ = false;
   Data* exported_ = nullptr;
 
@@ -110,10 +121,12 @@ class LabelingController : public QWidget, public AlgorithmController {
   QLineEdit* labelName_ = nullptr;
   QPushButton* labelColor_ = nullptr;
   QGroupBox* refineGroup_ = nullptr;
-  QSpinBox* patchSize_ = nullptr;
-  QDoubleSpinBox* smoothness_ = nullptr;
-  QSpinBox* filterings_ = nullptr;
-  QSpinBox* workingSize_ = nullptr;
+  QComboBox* refineOperation_ = nullptr;
+  QSpinBox* refineSize_ = nullptr;
+  QSpinBox* refineMinSize_ = nullptr;
+  QDoubleSpinBox* thresholdLow_ = nullptr;
+  QDoubleSpinBox* thresholdHigh_ = nullptr;
+  QCheckBox* thresholdPreview_ = nullptr;
   QPushButton* stop_ = nullptr;
   QComboBox* fillScope_ = nullptr;
   QPushButton* start_ = nullptr;

@@ -9,6 +9,7 @@
 #include "GlSliceRendererImage.h"
 #include "GlView.h"
 #include "Image.h"
+#include "LabelMapRefinement.h"
 #include "Log.h"
 #include "Progress.h"
 #include "QtHelpers.h"
@@ -301,6 +302,48 @@ bool LabelingManipulator::fillUnlabeled(const std::vector<int>& frames) {
     update();
   }
   return any;
+}
+
+bool LabelingManipulator::edit(const std::string& description, const std::function<void()>& change,
+                               bool refuseLockedLabel) {
+  refusal_.clear();
+  if (!valid_) return refuse("The label map does not fit the image (another grid, or not a U8 label map)");
+  if (busyCheck_)
+    if (std::string busy = busyCheck_(); !busy.empty()) return refuse(busy);
+  if (refuseLockedLabel && painter_.preserveLabel(static_cast<unsigned char>(label_)))
+    return refuse("Label " + std::to_string(label_) + " is locked");
+  const MemImage* mem = labelMap_.mem();
+  if (!mem) return false;
+  recordUndo();
+  const auto* bytes = static_cast<const uint8_t*>(mem->data());
+  const std::vector<uint8_t> before(bytes, bytes + mem->byteSize());
+  change();
+  mem = labelMap_.mem();
+  if (!mem || mem->byteSize() != before.size() || std::memcmp(mem->data(), before.data(), before.size()) == 0)
+    return false;
+  commitUndo(description);
+  labelsChanged.emitSignal();
+  update();
+  return true;
+}
+
+bool LabelingManipulator::refine(const std::string& description,
+                                 const std::function<void(LabelMapRefinement&)>& op) {
+  if (label_ == 0) {
+    refusal_.clear();
+    return refuse("Refinement works on a label: choose one other than 0");
+  }
+  return edit(
+      description,
+      [&] {
+        LabelMapRefinement refinement(&image_, labelMap_);
+        refinement.setAffectedLabel(static_cast<unsigned char>(label_));
+        for (int l = 0; l < 256; ++l)
+          if (l != label_ && painter_.preserveLabel(static_cast<unsigned char>(l)))
+            refinement.lockLabel(static_cast<unsigned char>(l), true);
+        op(refinement);
+      },
+      false);
 }
 
 void LabelingManipulator::clear() {

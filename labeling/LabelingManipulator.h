@@ -12,7 +12,8 @@
 // pointer is locked, an algorithm works on the data) changes nothing: it logs one line and
 // emits `refused` with the reason, and the rest of that drag is swallowed.
 //
-// History: each finished stroke, fill or clear records the state after it as one level of a
+// History: each finished stroke, fill, clear or edit (refinement, threshold) records the state
+// after it as one level of a
 // Seg::UndoRecorder (the first also records the state before), and a cursor walks the levels.
 // GUI thread only; the GL context must be available while painting.
 #include <Eigen/Core>
@@ -33,6 +34,7 @@ class SharedImageSet;
 
 namespace Merivane::Seg {
 
+class LabelMapRefinement;
 class UndoRecorder;
 
 class LabelingManipulator : public GUI::ViewObject::EventHandler, public SignalReceiver {
@@ -70,6 +72,16 @@ class LabelingManipulator : public GUI::ViewObject::EventHandler, public SignalR
   // Sets the voxels of value 0 in the given frames to the current label, as one undo step.
   // Frames beyond the set are skipped; true when any voxel changed.
   bool fillUnlabeled(const std::vector<int>& frames);
+  // Runs `change` on the focused label frame as one undo step named `description`. Refused
+  // (logged, `refused` emitted, nothing run) when the pair was refused or the busy check
+  // answers, and with `refuseLockedLabel` also when the painter preserves the current label.
+  // True when the focused frame changed; an edit that changes nothing records no step.
+  bool edit(const std::string& description, const std::function<void()>& change, bool refuseLockedLabel = true);
+  // Seg::LabelMapRefinement of the current label in the focused frame, as one undo step:
+  // `op` gets a refinement set to the current label, with the image, and with every label the
+  // painter preserves locked except the current one (so "Avoid Other Labels" keeps the others
+  // from being overwritten while the label itself may change). Label 0 is refused.
+  bool refine(const std::string& description, const std::function<void(LabelMapRefinement&)>& op);
 
   bool undo();
   bool redo();

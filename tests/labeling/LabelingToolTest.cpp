@@ -104,6 +104,11 @@ void click(QWidget& panel, const char* name) {
   if (auto* b = child<QPushButton>(panel, name)) QTest::mouseClick(b, Qt::LeftButton);
 }
 
+// Buttons of groups that the never-shown panel has not laid out yet take a plain click().
+void press(QWidget& panel, const char* name) {
+  if (auto* b = child<QPushButton>(panel, name)) b->click();
+}
+
 class LabelingTool : public testing::Test {
  protected:
   void SetUp() override { MERIVANE_REQUIRE_GL(); }
@@ -322,6 +327,117 @@ TEST_F(LabelingTool, FillScopesAndExport) {
   click(panel, "pushButtonCopy");
   ASSERT_EQ(s.model.size(), 1);
   EXPECT_EQ(s.model.at(0)->name(), "Labels");
+}
+
+TEST_F(LabelingTool, RefineRunsTheChosenOperationOnTheCurrentLabelAsOneUndoStep) {
+  Scene s;
+  LabelingAlgorithm algorithm(s.image.get(), s.labels.get());
+  LabelingController panel(&algorithm, &s.views, &s.model);
+  panel.init();
+  auto* operation = child<QComboBox>(panel, "comboBoxRefineOperation");
+  ASSERT_EQ(operation->count(), 8);
+  EXPECT_EQ(operation->itemText(0), "Snap to Image Edges");
+  EXPECT_FALSE(child<QWidget>(panel, "groupBoxRefine")->isVisibleTo(&panel));
+  click(panel, "pushButtonShowSettings");
+  EXPECT_TRUE(child<QWidget>(panel, "groupBoxRefine")->isVisibleTo(&panel));
+
+  const Voxels before = s.voxels();
+  child<QSpinBox>(panel, "spinBoxLabel")->setValue(4);
+  operation->setCurrentText("Erode");
+  child<QSpinBox>(panel, "spinBoxRefineSize")->setValue(1);
+  press(panel, "pushButtonRefine");
+  // Label 4 fills x >= 8: its face towards the 0s goes; the image border erodes nothing.
+  const Voxels eroded = s.voxels();
+  for (int z = 0; z < kDims[2]; ++z)
+    for (int y = 0; y < kDims[1]; ++y)
+      for (int x = 0; x < kDims[0]; ++x)
+        ASSERT_EQ(eroded[static_cast<size_t>((z * kDims[1] + y) * kDims[0] + x)], x >= 9 ? 4 : 0) << x << "," << y;
+  EXPECT_TRUE(panel.message().contains("refined")) << panel.message().toStdString();
+  ASSERT_TRUE(child<QPushButton>(panel, "pushButtonUndo")->isEnabled());
+  click(panel, "pushButtonUndo");
+  EXPECT_EQ(s.voxels(), before);
+  click(panel, "pushButtonRedo");
+  EXPECT_EQ(s.voxels(), eroded);
+
+  // Dilating back by one, then an operation with nothing to do records no step.
+  operation->setCurrentText("Dilate");
+  press(panel, "pushButtonRefine");
+  EXPECT_EQ(s.voxels(), before);
+  const size_t levels = panel.manipulator()->undoLevels();
+  operation->setCurrentText("Fill Holes");
+  press(panel, "pushButtonRefine");
+  EXPECT_EQ(s.voxels(), before);
+  EXPECT_EQ(panel.manipulator()->undoLevels(), levels);
+  EXPECT_TRUE(panel.message().contains("as it was")) << panel.message().toStdString();
+
+  // Label 0 is refused without a change.
+  child<QSpinBox>(panel, "spinBoxLabel")->setValue(0);
+  operation->setCurrentText("Dilate");
+  press(panel, "pushButtonRefine");
+  EXPECT_EQ(s.voxels(), before);
+  EXPECT_FALSE(panel.message().isEmpty());
+  EXPECT_EQ(panel.manipulator()->undoLevels(), levels);
+}
+
+TEST_F(LabelingTool, RefineGrowsTheLabelOverOthersUnlessTheyAreAvoided) {
+  // Label 2 for x < 4, 0 up to x = 8, label 4 from there on.
+  for (bool avoid : {false, true}) {
+    Scene s([](int x, int, int) { return x < 4 ? 2 : x < 8 ? 0 : 4; });
+    LabelingAlgorithm algorithm(s.image.get(), s.labels.get());
+    LabelingController panel(&algorithm, &s.views, &s.model);
+    panel.init();
+    child<QCheckBox>(panel, "checkBoxAvoidOtherLabels")->setChecked(avoid);
+    child<QSpinBox>(panel, "spinBoxLabel")->setValue(4);
+    child<QComboBox>(panel, "comboBoxRefineOperation")->setCurrentText("Dilate");
+    child<QSpinBox>(panel, "spinBoxRefineSize")->setValue(6);
+    press(panel, "pushButtonRefine");
+    const Voxels after = s.voxels();
+    for (int x = 0; x < kDims[0]; ++x) {
+      const int expected = x >= 2 && !(avoid && x < 4) ? 4 : 2;
+      EXPECT_EQ(after[static_cast<size_t>((3 * kDims[1] + 5) * kDims[0] + x)], expected) << "avoid " << avoid << " x " << x;
+    }
+    EXPECT_TRUE(panel.message().contains("refined")) << panel.message().toStdString();
+  }
+}
+
+TEST_F(LabelingTool, TheThresholdGroupPreviewsAndAppliesTheRangeAsOneUndoStep) {
+  Scene s;
+  LabelingAlgorithm algorithm(s.image.get(), s.labels.get());
+  LabelingController panel(&algorithm, &s.views, &s.model);
+  panel.init();
+  auto* low = child<QDoubleSpinBox>(panel, "doubleSpinBoxThresholdLow");
+  auto* high = child<QDoubleSpinBox>(panel, "doubleSpinBoxThresholdHigh");
+  // From the middle of the image's range (100 to 270) to its top.
+  EXPECT_DOUBLE_EQ(low->value(), 185.0);
+  EXPECT_DOUBLE_EQ(high->value(), 270.0);
+
+  child<QCheckBox>(panel, "checkBoxThresholdPreview")->setChecked(true);
+  bool shown = false;
+  for (GlObject* o : s.axial.view().objects()) shown = shown || o->typeName() == "ThresholdOverlay";
+  EXPECT_TRUE(shown);
+
+  const Voxels before = s.voxels();
+  child<QSpinBox>(panel, "spinBoxLabel")->setValue(2);
+  low->setValue(150);
+  high->setValue(160);
+  press(panel, "pushButtonThresholdApply");
+  const Voxels after = s.voxels();
+  size_t taken = 0;
+  for (int z = 0; z < kDims[2]; ++z)
+    for (int y = 0; y < kDims[1]; ++y)
+      for (int x = 0; x < kDims[0]; ++x) {
+        const size_t i = static_cast<size_t>((z * kDims[1] + y) * kDims[0] + x);
+        const int v = 100 + 10 * x + y + z;
+        const bool in = v >= 150 && v <= 160;
+        taken += in;
+        ASSERT_EQ(after[i], in ? 2 : before[i]) << x << "," << y << "," << z;
+      }
+  EXPECT_GT(taken, 0u);
+  click(panel, "pushButtonUndo");
+  EXPECT_EQ(s.voxels(), before);
+
+  child<QCheckBox>(panel, "checkBoxThresholdPreview")->setChecked(false);
+  for (GlObject* o : s.axial.view().objects()) EXPECT_NE(o->typeName(), "ThresholdOverlay");
 }
 
 }  // namespace
