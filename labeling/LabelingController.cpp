@@ -190,6 +190,33 @@ void LabelingController::buildPanel() {
   refineMinSize_->setSuffix(tr(" voxels"));
   refineMinSize_->setToolTip(tr("Remove Small Components drops the parts of the label with fewer voxels"));
   refineForm->addRow(tr("Minimum component"), refineMinSize_);
+  // The matting parameters of the host's closed-form matting. This host has no matting, so
+  // they are shown for configurations that carry them and stay disabled; the operations above
+  // are what Refine runs.
+  auto* matting = named(new QGroupBox(tr("Image matting"), refineGroup_), "groupBoxMatting");
+  auto* mattingForm = new QFormLayout(matting);
+  auto* patchSize = named(new QSpinBox(matting), "spinBoxPatchSize");
+  patchSize->setRange(0, 999);
+  patchSize->setValue(100);
+  mattingForm->addRow(tr("Patch size"), patchSize);
+  auto* smoothness = named(new QDoubleSpinBox(matting), "doubleSpinBoxSmoothness");
+  smoothness->setDecimals(3);
+  smoothness->setRange(0.001, 9.99);
+  smoothness->setSingleStep(0.05);
+  smoothness->setValue(0.01);
+  mattingForm->addRow(tr("Smoothness"), smoothness);
+  auto* filterings = named(new QSpinBox(matting), "spinBoxFilterings");
+  filterings->setRange(0, 999);
+  filterings->setValue(1);
+  mattingForm->addRow(tr("Number of filterings"), filterings);
+  auto* workingSize = named(new QSpinBox(matting), "spinBoxWorkingSize");
+  workingSize->setRange(0, 1000);
+  workingSize->setSingleStep(2);
+  workingSize->setValue(21);
+  mattingForm->addRow(tr("Working size"), workingSize);
+  matting->setEnabled(false);
+  matting->setToolTip(tr("Closed-form matting is not available in this host; Refine runs the operation above"));
+  refineForm->addRow(matting);
   auto* refine = named(new QPushButton(tr("Refine"), refineGroup_), "pushButtonRefine");
   refineForm->addRow(refine);
   refineGroup_->setVisible(false);

@@ -340,6 +340,16 @@ TEST_F(LabelingTool, RefineRunsTheChosenOperationOnTheCurrentLabelAsOneUndoStep)
   EXPECT_FALSE(child<QWidget>(panel, "groupBoxRefine")->isVisibleTo(&panel));
   click(panel, "pushButtonShowSettings");
   EXPECT_TRUE(child<QWidget>(panel, "groupBoxRefine")->isVisibleTo(&panel));
+  // The matting parameters keep their ranges and start values for configurations, disabled
+  // while this host has no matting.
+  EXPECT_FALSE(child<QWidget>(panel, "groupBoxMatting")->isEnabled());
+  EXPECT_EQ(child<QSpinBox>(panel, "spinBoxPatchSize")->value(), 100);
+  EXPECT_EQ(child<QSpinBox>(panel, "spinBoxPatchSize")->maximum(), 999);
+  EXPECT_DOUBLE_EQ(child<QDoubleSpinBox>(panel, "doubleSpinBoxSmoothness")->value(), 0.01);
+  EXPECT_DOUBLE_EQ(child<QDoubleSpinBox>(panel, "doubleSpinBoxSmoothness")->minimum(), 0.001);
+  EXPECT_EQ(child<QSpinBox>(panel, "spinBoxFilterings")->value(), 1);
+  EXPECT_EQ(child<QSpinBox>(panel, "spinBoxWorkingSize")->value(), 21);
+  EXPECT_EQ(child<QSpinBox>(panel, "spinBoxWorkingSize")->singleStep(), 2);
 
   const Voxels before = s.voxels();
   child<QSpinBox>(panel, "spinBoxLabel")->setValue(4);
