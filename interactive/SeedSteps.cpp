@@ -5,83 +5,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "MorphologicalOperationsAlgorithm.h"
 #include "SharedImage.h"
 
 namespace Merivane::Seg::internal {
 
 namespace {
-
-constexpr float kFar = 1e30f;
-
-// One line of the squared distance transform: f holds the squared distances found so far
-// along the other axes, d receives the lower envelope of the parabolas (q - i)² + f[i].
-// v, z are scratch of n and n + 1 entries.
-void envelope1D(const float* f, float* d, int n, int* v, double* z) {
-  int k = 0;
-  v[0] = 0;
-  z[0] = -1e300;
-  z[1] = 1e300;
-  int first = 0;
-  // Lines without any finite entry stay far.
-  while (first < n && f[first] >= kFar) ++first;
-  if (first == n) {
-    for (int q = 0; q < n; ++q) d[q] = kFar;
-    return;
-  }
-  v[0] = first;
-  for (int q = first + 1; q < n; ++q) {
-    if (f[q] >= kFar) continue;
-    double s;
-    while (true) {
-      const int p = v[k];
-      s = ((static_cast<double>(f[q]) + double(q) * q) - (static_cast<double>(f[p]) + double(p) * p)) /
-          (2.0 * (q - p));
-      if (s <= z[k] && k > 0) {
-        --k;
-        continue;
-      }
-      break;
-    }
-    ++k;
-    v[k] = q;
-    z[k] = s;
-    z[k + 1] = 1e300;
-  }
-  k = 0;
-  for (int q = 0; q < n; ++q) {
-    while (z[k + 1] < q) ++k;
-    const double dq = q - v[k];
-    d[q] = static_cast<float>(dq * dq + f[v[k]]);
-  }
-}
-
-// Applies envelope1D along one axis to every line of `img`.
-void transformAxis(TypedImage<float>& img, int axis) {
-  const Eigen::Vector3i dims = img.dimensions();
-  const int n = dims[axis];
-  if (n <= 1) return;
-  const int64_t stride = axis == 0 ? 1 : (axis == 1 ? dims[0] : int64_t(dims[0]) * dims[1]);
-  // Lines are indexed by the two other coordinates.
-  const int a = axis == 0 ? 1 : 0, b = axis == 2 ? 1 : 2;
-  const int lines = dims[a] * dims[b];
-  float* data = img.pointer();
-#pragma omp parallel
-  {
-    std::vector<float> f(static_cast<size_t>(n)), d(static_cast<size_t>(n));
-    std::vector<int> v(static_cast<size_t>(n));
-    std::vector<double> z(static_cast<size_t>(n) + 1);
-#pragma omp for schedule(static)
-    for (int line = 0; line < lines; ++line) {
-      Eigen::Vector3i p(0, 0, 0);
-      p[a] = line % dims[a];
-      p[b] = line / dims[a];
-      const int64_t start = p[0] + int64_t(dims[0]) * (p[1] + int64_t(dims[1]) * p[2]);
-      for (int i = 0; i < n; ++i) f[static_cast<size_t>(i)] = data[start + i * stride];
-      envelope1D(f.data(), d.data(), n, v.data(), z.data());
-      for (int i = 0; i < n; ++i) data[start + i * stride] = d[static_cast<size_t>(i)];
-    }
-  }
-}
 
 std::unique_ptr<TypedImage<unsigned char>> sameShape(const TypedImage<unsigned char>& map) {
   auto out = TypedImage<unsigned char>::zeros(map.dimensions(), 1);
@@ -128,41 +57,29 @@ std::unique_ptr<TypedImage<unsigned char>> squareFilter(const TypedImage<unsigne
 
 }  // namespace
 
-std::unique_ptr<TypedImage<float>> squaredDistanceToNonZero(const TypedImage<unsigned char>& features) {
-  auto dist = TypedImage<float>::zeros(features.dimensions(), 1);
-  const unsigned char* f = features.pointer();
-  float* d = dist->pointer();
-  const size_t n = features.descriptor().pixelCount();
-  for (size_t i = 0; i < n; ++i) d[i] = f[i] ? 0.0f : kFar;
-  for (int axis = 0; axis < 3; ++axis) transformAxis(*dist, axis);
-  return dist;
-}
+namespace {
 
-std::unique_ptr<TypedImage<unsigned char>> erodeBall(const TypedImage<unsigned char>& map, int radius) {
+// The map as 0 and 1, then eroded or dilated by the host's ball morphology (the image border
+// neither grows nor erodes anything).
+std::unique_ptr<TypedImage<unsigned char>> ballMorphology(const TypedImage<unsigned char>& map, int radius,
+                                                          Morphology::Operation op) {
   auto out = sameShape(map);
   const unsigned char* m = map.pointer();
   unsigned char* o = out->pointer();
   const size_t n = map.descriptor().pixelCount();
-  // A voxel stays when the nearest zero voxel lies farther than the radius.
-  auto holes = sameShape(map);
-  unsigned char* h = holes->pointer();
-  for (size_t i = 0; i < n; ++i) h[i] = m[i] == 0;
-  auto dist = squaredDistanceToNonZero(*holes);
-  const float* d = dist->pointer();
-  const double r2 = double(std::max(radius, 0)) * std::max(radius, 0);
-  for (size_t i = 0; i < n; ++i) o[i] = m[i] != 0 && d[i] > r2;
+  for (size_t i = 0; i < n; ++i) o[i] = m[i] != 0;
+  if (radius > 0) Morphology::apply(*out, op, radius);
   return out;
 }
 
+}  // namespace
+
+std::unique_ptr<TypedImage<unsigned char>> erodeBall(const TypedImage<unsigned char>& map, int radius) {
+  return ballMorphology(map, radius, Morphology::Erosion);
+}
+
 std::unique_ptr<TypedImage<unsigned char>> dilateBall(const TypedImage<unsigned char>& map, int radius) {
-  auto out = sameShape(map);
-  unsigned char* o = out->pointer();
-  const size_t n = map.descriptor().pixelCount();
-  auto dist = squaredDistanceToNonZero(map);
-  const float* d = dist->pointer();
-  const double r2 = double(std::max(radius, 0)) * std::max(radius, 0);
-  for (size_t i = 0; i < n; ++i) o[i] = d[i] <= r2;
-  return out;
+  return ballMorphology(map, radius, Morphology::Dilation);
 }
 
 std::unique_ptr<TypedImage<unsigned char>> erodeSquare2D(const TypedImage<unsigned char>& map, int radius) {

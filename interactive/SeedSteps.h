@@ -17,12 +17,8 @@ class SharedImage;
 
 namespace Merivane::Seg::internal {
 
-// Squared Euclidean distance, in voxels, from every voxel to the nearest non-zero voxel of
-// `features` (1e30 where there is none). Exact (lower envelopes of parabolas, axis by axis);
-// lines are independent, so the result does not depend on the thread count.
-std::unique_ptr<TypedImage<float>> squaredDistanceToNonZero(const TypedImage<unsigned char>& features);
-
-// Binary erosion and dilation of the non-zero voxels by a ball of `radius` voxels: a voxel
+// Binary erosion and dilation of the non-zero voxels by a ball of `radius` voxels (the host's
+// ball morphology): a voxel
 // stays (erosion) when every voxel within that distance is non-zero, and joins (dilation) when
 // some is. The outside of the image neither erodes nor dilates. Radius 0 gives a 0/1 copy.
 // Results hold 0 and 1.
