@@ -97,12 +97,12 @@ void GraphLaplacianAlgorithm::configuration(Properties* properties) const {
 void GraphLaplacianAlgorithm::reset() {
   previousSolution_ = Eigen::VectorXf(1);
   previousSolution_[0] = 0.0f;
-  keptResult_.reset();
+  keptSolution_.reset();
 }
 
 void GraphLaplacianAlgorithm::setKeepResultForWarmStart(bool on) {
   keepResult_ = on;
-  if (!on) keptResult_.reset();
+  if (!on) keptSolution_.reset();
 }
 
 uint64_t GraphLaplacianAlgorithm::memoryEstimation(int level) const {
@@ -296,12 +296,12 @@ void GraphLaplacianAlgorithm::compute() {
   labelPyramid.createLevels(numLevels.value());
   if (prior_) priorPyramid.createLevels(numLevels.value());
   const int nLevels = resultPyramid.createLevels(numLevels.value());
-  // The kept result of the last run, in a pyramid of its own: each level's warm start.
-  const bool warm = keepResult_ && reuseSolution.value() && keptResult_ &&
-                    keptResult_->descriptor().dimensions == labels_->descriptor().dimensions;
-  ImagePyramid warmPyramid(warm ? keptResult_.get() : nullptr, false, true, true);
-  if (warm) warmPyramid.createLevels(numLevels.value());
   const int minIndex = std::max(std::min(minLevel.value(), nLevels) - 1, 0);
+  // A re-run on the same grid solves its finest level alone, from the kept solution.
+  const bool warm = keepResult_ && reuseSolution.value() && keptSolution_ && keptLevel_ == minIndex &&
+                    keptLevelCount_ == nLevels && resultPyramid.level(minIndex) &&
+                    keptSolution_->descriptor().dimensions == resultPyramid.level(minIndex)->descriptor().dimensions &&
+                    checkLabels(labelPyramid.level(minIndex));
   if (minLevel.value() > nLevels && nLevels > 0)
     LOG_WARN(kCategory, "Min Level " << minLevel.value() << " is above the levels made (" << nLevels
                                      << "); computing level " << nLevels << " instead");
@@ -324,6 +324,7 @@ void GraphLaplacianAlgorithm::compute() {
     }
     if (verbose) LOG_INFO(kCategory, "LEVEL " << level << " -> " << minIndex);
     task.incrementStep();
+    if (warm && level != minIndex) continue;
     if (!checkLabels(labelPyramid.level(level))) {
       if (verbose) LOG_INFO(kCategory, "Not enough seeds at this level - Skipping");
       continue;
@@ -331,10 +332,10 @@ void GraphLaplacianAlgorithm::compute() {
     step = Clock::now();
     graph_->generateGraph(*imagePyramid.level(level), *labelPyramid.level(level));
     if (verbose) LOG_INFO(kCategory, "[GraphSegmentation] 1) Generation of the graph: " << msSince(step) << " ms");
-    // The coarser result, already propagated into this level, warm-starts the solve; or the
-    // kept result of the last run at this level, node by node.
-    if (warm && warmPyramid.level(level)) {
-      previousSolution_ = graph_->generateVectorFromImage(*warmPyramid.level(level));
+    // The coarser result, already propagated into this level, warm-starts the solve; or, on a
+    // re-run, the kept solution of the last run at this level, node by node.
+    if (warm) {
+      previousSolution_ = graph_->generateVectorFromImage(*keptSolution_);
       lastWarmStarted_ = true;
     } else if (level != nLevels - 1) {
       previousSolution_ = graph_->generateVectorFromImage(*resultPyramid.level(level));
@@ -352,6 +353,12 @@ void GraphLaplacianAlgorithm::compute() {
     solved = true;
   }
   previousSolution_ = lastSolution;
+  if (keepResult_ && solved && resultPyramid.level(minIndex)) {
+    // Level minIndex holds the solution as solved; finer levels only get it propagated.
+    keptSolution_ = resultPyramid.level(minIndex)->clone();
+    keptLevel_ = minIndex;
+    keptLevelCount_ = nLevels;
+  }
   step = Clock::now();
   if (propagateUp.value())
     for (int i = minIndex; i >= 1; --i) resultPyramid.propagateUp(i);
@@ -364,7 +371,6 @@ void GraphLaplacianAlgorithm::compute() {
     setStatus(statusInvalidInput);
     return;
   }
-  if (keepResult_) keptResult_ = result_->clone();
   if (verbose) {
     LOG_INFO(kCategory, "[GraphSegmentation] 4) Mapping the result to the label map: " << msSince(step) << " ms");
     LOG_INFO(kCategory, "Segmentation computed in " << msSince(total) / 1000.0 << "s");

@@ -38,11 +38,12 @@ class GraphLaplacianAlgorithm : public Algorithm {
   void updateLabels(SharedImage& labels) { labels_ = &labels; }
   // Forgets the warm-start vector and the kept result.
   void reset();
-  // Off by default. When on, a successful compute() keeps a copy of its result, and the next
-  // compute() on labels of the same size (with "Re-Use Solution") starts every level's solve
-  // from that result, sampled at the level's unknowns, instead of from the coarser level's
-  // result (or the previous vector by position). The interactive loop turns it on: a
-  // correction stroke changes the solution near the stroke only.
+  // Off by default. When on, a successful compute() keeps its solution at the finest level it
+  // computed, and the next compute() on labels of the same size with the same levels (and
+  // "Re-Use Solution") solves that level alone, starting from the kept solution node by node,
+  // instead of going through the coarser levels. The interactive loop turns it on: a
+  // correction stroke changes the solution near the stroke only, so the kept solution is
+  // already close everywhere else and the coarse levels would only make a worse guess.
   void setKeepResultForWarmStart(bool on);
   bool keepsResultForWarmStart() const { return keepResult_; }
   // Whether the last compute() started from the kept result.
@@ -100,7 +101,9 @@ class GraphLaplacianAlgorithm : public Algorithm {
   int lastSolveStatus_ = statusSuccess;
   bool keepResult_ = false;
   bool lastWarmStarted_ = false;
-  std::unique_ptr<SharedImage> keptResult_;  // the last result, for the warm start
+  // The last solution at its level, for the warm start.
+  std::unique_ptr<SharedImage> keptSolution_;
+  int keptLevel_ = -1, keptLevelCount_ = 0;
   std::vector<int> levelIterations_;
   std::function<bool()> canceled_;  // the run's progress task, during compute()
 };

@@ -63,7 +63,8 @@ TEST(InteractiveSegmentation, CorrectionStrokeChangesTheResultAndWarmStartsTheRe
   ASSERT_EQ(cold.status(), Algorithm::statusSuccess);
   EXPECT_FALSE(cold.lastRunWarmStarted());
   const std::vector<int> fresh = cold.lastLevelIterations();
-  ASSERT_EQ(warm.size(), fresh.size());
+  // The re-run solves the finest level alone, from the kept solution.
+  ASSERT_EQ(warm.size(), 1u);
   EXPECT_LT(total(warm), total(fresh)) << "warm " << ::testing::PrintToString(warm) << ", cold "
                                        << ::testing::PrintToString(fresh);
   EXPECT_LT(warm.back(), fresh.back());
