@@ -21,6 +21,7 @@
 #include "AnnotationModel.h"
 #include "DataModel.h"
 #include "GlAnnotations.h"
+#include "GlLabelRenderer.h"
 #include "GlMesh.h"
 #include "GlView.h"
 #include "GuiTestKit.h"
@@ -677,6 +678,29 @@ TEST_F(InteractivePanelEdges, ConfigurationSetsAdaptivenessAndTheFinestLevel) {
   child<QSpinBox>(*panel, "spinBoxAdaptiveness")->setValue(30);
   EXPECT_EQ(child<QSlider>(*panel, "horizontalSliderAdaptiveness")->value(), 30);
   EXPECT_DOUBLE_EQ(algorithm.adaptiveness.value(), 30.0);
+}
+
+TEST_F(InteractivePanelEdges, TheOverlayShowsWhileTheImageOrItsLabelsAreSelected) {
+  Scene s(false);
+  InteractiveSegmentationAlgorithm algorithm(*s.phantom.image, nullptr);
+  auto panel = makePanel(s, algorithm);
+  GlLabelRenderer* overlay = panel->labelRenderer();
+  ASSERT_NE(overlay, nullptr);
+  EXPECT_EQ(overlay->labelMap(), algorithm.labels()->get());
+  auto inViews = [&] {
+    int n = 0;
+    for (GUI::View* v : s.views.views()) n += v->view().hasObject(overlay);
+    return n;
+  };
+  EXPECT_EQ(inViews(), 3);
+  auto other = TestKit::makeImage<float>(Eigen::Vector3i(4, 4, 4), [](int, int, int) { return 0; });
+  panel->onSelectedDataChanged(DataList{other.get()});
+  EXPECT_EQ(inViews(), 0);
+  panel->onSelectedDataChanged(DataList{algorithm.labels()});
+  EXPECT_EQ(inViews(), 3);
+  child<QSlider>(*panel, "horizontalSliderTransparency")->setValue(30);
+  EXPECT_DOUBLE_EQ(overlay->opacity(), 0.3);
+  EXPECT_EQ(child<QLabel>(*panel, "labelTransparency")->text(), "30");
 }
 
 TEST_F(InteractivePanelEdges, LabelsDeletedFromTheDataListAreReplacedByEmptyOnes) {
