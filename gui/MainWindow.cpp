@@ -176,6 +176,13 @@ void MainWindow::add3DObject(GlObject* object) { views_->add3DObject(object); }
 void MainWindow::removeObject(GlObject* object) { views_->removeObject(object); }
 void MainWindow::updateViews() { views_->updateViews(); }
 
+void MainWindow::requestCloseAlgorithm(AlgorithmController* controller) {
+  if (!controller || controller != controller_) return;
+  // Not now: the request comes from one of the panel's own slots.
+  QMetaObject::invokeMethod(
+      this, [this, controller] { if (controller_ == controller) closeAlgorithm(); }, Qt::QueuedConnection);
+}
+
 bool MainWindow::openFile(const QString& path, bool quiet) {
   const std::string p = path.toStdString();
   std::string error;

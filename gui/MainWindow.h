@@ -42,6 +42,7 @@ class MainWindow : public QMainWindow, public MainWindowBase {
   void add3DObject(GlObject* object) override;
   void removeObject(GlObject* object) override;
   void updateViews() override;
+  void requestCloseAlgorithm(AlgorithmController* controller) override;
   GUI::MultiViewWidget& views() { return *views_; }
 
   // Reads an image, label map or mesh; a failure shows a message box naming the file (or,

@@ -380,6 +380,7 @@ void LabelingManipulator::recordUndo() {
 }
 
 void LabelingManipulator::commitUndo(const std::string& description) {
+  modified_ = true;
   if (!recorder_) return;
   for (int i = 0; i < labelMap_.size(); ++i) labelMap_.mem(i);
   const unsigned long focus = static_cast<unsigned long>(std::max(0, labelMap_.selection().focus()));
@@ -400,6 +401,7 @@ void LabelingManipulator::restoreLevel(size_t index) {
     return;
   }
   labelMap_.selection().setFocus(focus);
+  modified_ = true;
   labelsChanged.emitSignal();
   update();
 }

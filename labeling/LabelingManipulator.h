@@ -108,6 +108,10 @@ class LabelingManipulator : public GUI::ViewObject::EventHandler, public SignalR
   void reset() override;
 
   bool isDrawing() const { return drawing_; }
+  // Whether the label map changed through this tool (a stroke, fill, edit, undo or redo) since
+  // the flag was last cleared; callers clear it when they have taken the change into account.
+  bool isModified() const { return modified_; }
+  void setModified(bool modified) { modified_ = modified; }
   const std::string& lastRefusal() const { return refusal_; }
 
   Signal<bool> undoAvailable;
@@ -141,6 +145,7 @@ class LabelingManipulator : public GUI::ViewObject::EventHandler, public SignalR
   bool erasing_ = false;
   bool swallowing_ = false;  // a refused press: the rest of its drag is ignored
   bool changed_ = false;     // the stroke under way painted something
+  bool modified_ = false;
   std::optional<Eigen::Vector3d> lastPosition_;
   std::string refusal_;
 

@@ -4,6 +4,7 @@
 #include "GraphBasedSegmentation.h"
 #include "GraphBasedSegmentationController.h"
 #include "InteractiveSegmentationAlgorithm.h"
+#include "InteractiveSegmentationController.h"
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapIsolineRendererController.h"
 #include "LabelMapToContoursAlgorithm.h"
@@ -32,9 +33,10 @@ AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm)
   if (!algorithm) return nullptr;
   // Rows in table order; the first class that matches wins. Rows whose algorithm or panel
   // does not exist yet are left out, and the host then offers its generated panel.
-  // Both interactive segmentations derive from the graph-based one, whose panel does not fit
-  // them: they get the host's generated panel, never that one.
-  if (is<InteractiveSegmentationAlgorithm>(algorithm)) return nullptr;
+  // Both interactive segmentations derive from the graph-based one and stand before it; the
+  // watershed variant derives from the random-walk one and gets the same panel.
+  if (auto* interactive = dynamic_cast<InteractiveSegmentationAlgorithm*>(algorithm))
+    return new InteractiveSegmentationController(interactive);
   if (auto* labeling = dynamic_cast<LabelingAlgorithm*>(algorithm)) return new LabelingController(labeling);
   if (is<LabelToMeshAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", true, false);
   if (auto* statistics = dynamic_cast<LabelStatisticsAlgorithm*>(algorithm))

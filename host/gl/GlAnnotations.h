@@ -45,6 +45,15 @@ class GlPolyLine : public GlObject {
   std::string typeName() const override { return "GlPolyLine"; }
 };
 
+// A straight segment between two points, such as a drawn diameter.
+class GlLine : public GlPolyLine {
+ public:
+  GlLine(const Eigen::Vector3d& from = Eigen::Vector3d::Zero(), const Eigen::Vector3d& to = Eigen::Vector3d::Zero()) {
+    points = {from, to};
+  }
+  std::string typeName() const override { return "GlLine"; }
+};
+
 // A smooth curve through the points (Catmull-Rom, drawn as a fine polyline).
 class GlSpline : public GlPolyLine {
  public:

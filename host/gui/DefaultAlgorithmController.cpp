@@ -263,7 +263,8 @@ void DefaultAlgorithmController::fillActionMenu(QMenu& menu) {
 }
 
 void DefaultAlgorithmController::onCompute() {
-  if (!algorithm_ || watcher_.isRunning()) return;
+  if (!algorithm_ || computing_) return;
+  computing_ = true;
   progress_ = std::make_unique<Progress>();
   algorithm_->setProgress(progress_.get());
   compute_->setEnabled(false);
@@ -299,6 +300,7 @@ void DefaultAlgorithmController::pollProgress() {
 }
 
 void DefaultAlgorithmController::onComputeDone() {
+  computing_ = false;
   poll_->stop();
   if (dataModel_)
     for (Data* d : busyInputs_) dataModel_->setBusy(d, false);

@@ -52,7 +52,9 @@ class DefaultAlgorithmController : public QWidget, public AlgorithmController {
   DataModel* dataModel() const { return dataModel_; }
   bool flag1() const { return flag1_; }
   bool flag2() const { return flag2_; }
-  bool isComputing() const { return watcher_.isRunning(); }
+  // From onCompute until computeFinished has been emitted (also while the finished worker's
+  // result waits in the event queue).
+  bool isComputing() const { return computing_; }
   // Cancels a running computation and waits for it.
   void cancelAndWait();
   // Status of the last computation, -1 before the first.
@@ -94,6 +96,7 @@ class DefaultAlgorithmController : public QWidget, public AlgorithmController {
   DataModel* dataModel_ = nullptr;
   std::vector<Data*> busyInputs_;  // marked busy in the data model while computing
   int lastStatus_ = -1;
+  bool computing_ = false;
   bool updating_ = false;
 };
 

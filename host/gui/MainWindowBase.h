@@ -3,6 +3,7 @@
 // registers itself; panels reach it through instance(), which is null in programs without one.
 namespace Merivane {
 
+class AlgorithmController;
 class AnnotationModel;
 class DataModel;
 class DisplayWidgetMultiAdapter;
@@ -21,6 +22,9 @@ class MainWindowBase {
   virtual void add3DObject(GlObject* object) = 0;
   virtual void removeObject(GlObject* object) = 0;
   virtual void updateViews() = 0;
+  // A panel asks to be closed with its algorithm (after handing its result over). The window
+  // closes it once the panel's slot has returned; a controller it does not show is ignored.
+  virtual void requestCloseAlgorithm(AlgorithmController* controller) { (void)controller; }
 
  protected:
   MainWindowBase();

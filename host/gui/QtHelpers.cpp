@@ -3,7 +3,9 @@
 #include <QApplication>
 #include <QEventLoop>
 #include <QFileDialog>
+#include <QMessageBox>
 #include <QMetaObject>
+#include <QPushButton>
 #include <QProgressDialog>
 #include <QThread>
 #include <QTimer>
@@ -76,6 +78,26 @@ void runOnMainThread(const std::function<void()>& f, bool wait) {
   }
   QMetaObject::invokeMethod(app, f, wait ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
 }
+
+namespace {
+std::function<int(const Question&)>& questionHook() {
+  static std::function<int(const Question&)> hook;
+  return hook;
+}
+}  // namespace
+
+int ask(QWidget* parent, const Question& question) {
+  if (const auto& hook = questionHook()) return hook(question);
+  QMessageBox box(QMessageBox::Question, question.title, question.text,
+                  static_cast<QMessageBox::StandardButtons>(question.buttons), parent);
+  if (question.buttons == QMessageBox::Ok) box.setIcon(QMessageBox::Information);
+  if (question.defaultButton) box.setDefaultButton(static_cast<QMessageBox::StandardButton>(question.defaultButton));
+  for (const auto& [button, text] : question.relabel)
+    if (QAbstractButton* b = box.button(static_cast<QMessageBox::StandardButton>(button))) b->setText(text);
+  return box.exec();
+}
+
+void setQuestionHook(std::function<int(const Question&)> hook) { questionHook() = std::move(hook); }
 
 QString getSaveFilename(QWidget* parent, const QString& caption, const QString& directory, const QString& filter) {
   return QFileDialog::getSaveFileName(parent, caption, directory, filter);

@@ -3,6 +3,8 @@
 // dialog, calls onto the interface thread, and a save dialog that asks before overwriting.
 #include <QString>
 #include <functional>
+#include <utility>
+#include <vector>
 
 class QWidget;
 
@@ -22,6 +24,21 @@ bool runInBackground(QWidget* parent, const QString& title, const std::function<
 // Runs f on the interface thread; `wait` blocks until it has run (never from that thread's own
 // event loop: a call already on the interface thread runs f at once).
 void runOnMainThread(const std::function<void()>& f, bool wait = true);
+
+// A question or a message in a modal box. `buttons` and the answer are QMessageBox standard
+// buttons; `relabel` shows some of them with other texts ("Export Seeds" on No).
+struct Question {
+  QString title;
+  QString text;
+  int buttons = 0;
+  int defaultButton = 0;
+  std::vector<std::pair<int, QString>> relabel;
+};
+// Shows the box and returns the button chosen, or, while a hook is set, returns what the hook
+// answers without showing anything: how tests and scripts answer the panels' questions.
+int ask(QWidget* parent, const Question& question);
+// Null gives the boxes back to the user.
+void setQuestionHook(std::function<int(const Question&)> hook);
 
 // A save dialog; empty when cancelled. `filter` as Qt writes it: "Images (*.nii.gz *.nrrd)".
 QString getSaveFilename(QWidget* parent, const QString& caption, const QString& directory, const QString& filter);

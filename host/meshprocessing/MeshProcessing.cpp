@@ -214,6 +214,21 @@ bool isClosedManifold(const Mesh& mesh) {
   return true;
 }
 
+double Statistics::computeVolume(const Mesh& mesh) {
+  if (!mesh.isValid() || mesh.faces.empty()) return 0.0;
+  // Relative to the first vertex rather than the origin: the same sum, without the
+  // cancellation of large terms far from the origin.
+  const Eigen::Vector3d o = mesh.vertices.front().cast<double>();
+  double sixTimes = 0.0;
+  for (const auto& f : mesh.faces) {
+    const Eigen::Vector3d a = mesh.vertices[static_cast<size_t>(f[0])].cast<double>() - o;
+    const Eigen::Vector3d b = mesh.vertices[static_cast<size_t>(f[1])].cast<double>() - o;
+    const Eigen::Vector3d c = mesh.vertices[static_cast<size_t>(f[2])].cast<double>() - o;
+    sixTimes += a.dot(b.cross(c));
+  }
+  return sixTimes / 6.0;
+}
+
 long eulerCharacteristic(const Mesh& mesh) {
   std::unordered_map<uint64_t, int> edges;
   for (const auto& f : mesh.faces)

@@ -38,5 +38,12 @@ bool isClosedManifold(const Mesh& mesh);
 // V - E + F, with edges counted once.
 long eulerCharacteristic(const Mesh& mesh);
 
+namespace Statistics {
+// The volume a closed surface encloses, in cubic millimetres of its vertex coordinates: the sum
+// of the signed volumes of the tetrahedra from the origin to each face, so faces wound the
+// usual way (normals outward) give a positive value. Meaningless for surfaces with holes.
+double computeVolume(const Mesh& mesh);
+}  // namespace Statistics
+
 }  // namespace MeshProcessing
 }  // namespace Merivane

@@ -14,6 +14,7 @@
 #include <QSpinBox>
 #include <QSignalSpy>
 #include <QTest>
+#include <QToolButton>
 #include <cstdlib>
 #include <algorithm>
 #include <filesystem>
@@ -202,6 +203,114 @@ TEST_F(EndToEnd, PaintingOnTheDemoBrainUndoesRedoesAndSavesWhatWasPainted) {
   ASSERT_TRUE(back) << error;
   EXPECT_EQ(back->modality(), Data::LABEL);
   EXPECT_EQ(voxelsOf(*back), painted);
+}
+
+// Yellow where the outline of value 255 is drawn over the image (the panel's outline colour at
+// the overlay's opacity); neither the red object seeds nor the green background ones pass.
+int yellowPixels(const QImage& shot, const QRect& area) {
+  int n = 0;
+  for (int y = area.top(); y <= area.bottom(); ++y)
+    for (int x = area.left(); x <= area.right(); ++x) {
+      const QColor c = shot.pixelColor(x, y);
+      n += c.red() - c.blue() > 80 && c.green() - c.blue() > 60 && std::abs(c.red() - c.green()) < 50;
+    }
+  return n;
+}
+
+TEST_F(EndToEnd, InteractiveSegmentationOfTheVentriclesPaintsRunsShowsTheOutlineAndExports) {
+  MainWindow& window = *window_;
+  // The brain alone: the panel paints into a label map of its own.
+  Data* brain = nullptr;
+  for (Data* d : window.dataModel()->getAll())
+    if (d->modality() == Data::LABEL)
+      window.dataModel()->remove(d);
+    else
+      brain = d;
+  ASSERT_NE(brain, nullptr);
+  const SharedImage& image = *brain->asImageSet()->get();
+  window.select({brain});
+  ASSERT_TRUE(chooseAlgorithm("Interactive Segmentation"));
+  QWidget* panel = window.findChild<QWidget*>("InteractiveSegmentationController");
+  ASSERT_NE(panel, nullptr);
+
+  // The slice views through the lateral ventricles: axial slice 94, coronal 112, sagittal 83.
+  window.views().adapter().centerSliceViewsAt(image.pixelToWorld(Eigen::Vector3d(83, 112, 94)), brain->asImageSet());
+  QApplication::processEvents();
+  GUI::ViewWidget* axial = window.views().viewWidget(0);
+  GUI::ViewWidget* coronal = window.views().viewWidget(1);
+  auto at = [&](int view, double x, double y, double z) {
+    const Eigen::Vector3d p =
+        window.views().view(view).view().viewState().project(image.pixelToWorld(Eigen::Vector3d(x, y, z)));
+    return QPoint(static_cast<int>(std::lround(p.x())), static_cast<int>(std::lround(p.y())));
+  };
+  // Voxel paths: in slice 94 (x, y) and in slice 112 (x, z).
+  auto axialPath = [&](std::vector<std::pair<double, double>> xy) {
+    std::vector<QPoint> path;
+    for (auto [x, y] : xy) path.push_back(at(0, x, y, 94));
+    return path;
+  };
+  auto coronalPath = [&](std::vector<std::pair<double, double>> xz) {
+    std::vector<QPoint> path;
+    for (auto [x, z] : xz) path.push_back(at(1, x, 112, z));
+    return path;
+  };
+  panel->findChild<QSpinBox*>("spinBoxSize")->setValue(3);
+
+  // Object: down the middle of each ventricle's body, where the fluid is dark.
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonDrawIn"), Qt::LeftButton);
+  drag(axial, axialPath({{70, 86}, {78, 100}, {83, 112}, {83.5, 124}, {78, 130}}));
+  drag(axial, axialPath({{113, 86}, {108, 98}, {103, 110}, {102, 120}, {102, 127}}));
+  drag(coronal, coronalPath({{77, 99}, {83, 96}, {86, 93}}));
+  drag(coronal, coronalPath({{105, 99}, {102, 96}, {98, 93}}));
+  // Space over a view switches to the background: a loop in the white matter round them.
+  QTest::keyClick(axial, Qt::Key_Space);
+  ASSERT_TRUE(panel->findChild<QPushButton*>("pushButtonDrawOut")->isChecked());
+  drag(axial, axialPath({{60, 74}, {122, 74}, {122, 142}, {60, 142}, {60, 74}}));
+  drag(coronal, coronalPath({{64, 85}, {122, 85}, {122, 106}, {64, 106}, {64, 85}}));
+  QApplication::processEvents();
+  const QImage painted = window.screenshot();
+  const QRect axialArea(axial->mapTo(&window, QPoint(0, 0)), axial->size());
+  EXPECT_LT(yellowPixels(painted, axialArea), 20) << "no outline before the run";
+
+  // Step 2 of the panel: Run Segmentation.
+  for (QToolButton* header : panel->findChildren<QToolButton*>())
+    if (header->text() == "2. Processing") QTest::mouseClick(header, Qt::LeftButton);
+  QPushButton* run = panel->findChild<QPushButton*>("pushButtonRunSeg");
+  ASSERT_TRUE(run->isVisible());
+  QTest::mouseClick(run, Qt::LeftButton);
+  QPushButton* accept = panel->findChild<QPushButton*>("pushButtonAccept");
+  ASSERT_TRUE(accept->isVisible()) << "the run should have succeeded";
+  QApplication::processEvents();
+  const QImage shot = window.screenshot();
+  shot.save(QString(MERIVANE_INTERACTIVE_SCREENSHOT_PATH));
+  EXPECT_GT(yellowPixels(shot, axialArea), 150) << "the outline shows in the axial view";
+
+  // Accept, then export: the label map joins the data list and the panel closes.
+  QTest::mouseClick(accept, Qt::LeftButton);
+  EXPECT_FALSE(accept->isVisible());
+  for (QToolButton* header : panel->findChildren<QToolButton*>())
+    if (header->text() == "3. Export") QTest::mouseClick(header, Qt::LeftButton);
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonExportLabelMap"), Qt::LeftButton);
+  QApplication::processEvents();
+  EXPECT_EQ(window.findChild<QWidget*>("InteractiveSegmentationController"), nullptr);
+  SharedImageSet* labels = nullptr;
+  for (Data* d : window.dataModel()->getAll())
+    if (d->name() == "Labels") labels = d->asImageSet();
+  ASSERT_NE(labels, nullptr);
+  const auto values = voxelsOf(*labels);
+  const auto* intensity = static_cast<const TypedImage<unsigned char>*>(image.mem());
+  ASSERT_NE(intensity, nullptr);
+  size_t object = 0, dark = 0;
+  for (size_t i = 0; i < values.size(); ++i)
+    if (values[i] == 1) {
+      ++object;
+      dark += intensity->pointer()[i] < 60;
+    }
+  // The lateral ventricles hold some 16,000 voxels of fluid; the object is mostly that.
+  EXPECT_GT(object, 4000u);
+  EXPECT_LT(object, 40000u);
+  EXPECT_GT(dark, object * 8 / 10) << dark << " of " << object << " object voxels are dark";
+  EXPECT_EQ(std::count(values.begin(), values.end(), 255), 0);
 }
 
 }  // namespace

@@ -224,6 +224,18 @@ TEST(ControllerTable, PanelsFollowTheTableForTheClassesThatExist) {
   EXPECT_TRUE(dynamic_cast<LabelMapIsolineRendererController*>(isolines.get()));
   auto graph = controllerFor("Seg.GraphBasedSegmentation", DataList{scene.image.get(), scene.seeds.get()});
   EXPECT_TRUE(dynamic_cast<GraphBasedSegmentationController*>(graph.get()));
+  // Both interactive segmentations stand before the graph-based one and share one panel; the
+  // watershed's hides the random walk's settings. (Found by name: the plug-in's classes are
+  // not this program's.)
+  for (const char* name : {"Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed"}) {
+    auto interactive = controllerFor(name, DataList{scene.image.get()});
+    auto* widget = dynamic_cast<QWidget*>(interactive.get());
+    ASSERT_NE(widget, nullptr) << name;
+    EXPECT_EQ(widget->objectName(), "InteractiveSegmentationController") << name;
+    auto* parameters = widget->findChild<QWidget*>("SegmentationParametersWidget");
+    ASSERT_NE(parameters, nullptr);
+    EXPECT_EQ(parameters->isHidden(), std::string(name).find("Watershed") != std::string::npos) << name;
+  }
   // No panel of its own: the factory says so, and the window then generates one.
   auto compatible = controllerFor("Seg.MakeCompatibleLabelMap", DataList{scene.image.get()});
   EXPECT_EQ(compatible, nullptr);
@@ -324,6 +336,41 @@ TEST(GraphPanel, ComputesSetsLabelsGivesProbabilitiesAndExtractsTheSurface) {
   QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonProbabilities"), Qt::LeftButton);
   ASSERT_EQ(window.dataModel()->size(), before + 1);
   EXPECT_EQ(window.dataModel()->at(before)->name(), "Probability");
+}
+
+TEST(InteractivePanel, OpensFromTheMenuAndExportingItsLabelsClosesIt) {
+  WindowWithScene shown;
+  MainWindow& window = shown.window;
+  window.select({shown.image});
+  QMenu* algorithms = nullptr;
+  for (QAction* a : window.menuBar()->actions())
+    if (a->text().remove('&') == "Algorithms") algorithms = a->menu();
+  ASSERT_NE(algorithms, nullptr);
+  auto overlays = [&] {
+    int n = 0;
+    for (int v = 0; v < 3; ++v)
+      for (GlObject* o : window.views().view(v).view().objects()) n += dynamic_cast<GlLabelRenderer*>(o) != nullptr;
+    return n;
+  };
+  const int windowOverlays = overlays();
+  emit algorithms->aboutToShow();
+  QAction* entry = findAction(algorithms, "Interactive Segmentation");
+  ASSERT_NE(entry, nullptr);
+  ASSERT_TRUE(entry->isEnabled());
+  entry->trigger();
+  QWidget* panel = window.findChild<QWidget*>("InteractiveSegmentationController");
+  ASSERT_NE(panel, nullptr);
+  // Its own labels are in no data list: the panel shows them in each slice view itself.
+  EXPECT_EQ(overlays(), windowOverlays + 3);
+  const int before = window.dataModel()->size();
+  QTest::mouseClick(panel->findChild<QPushButton*>("pushButtonExportLabelMap"), Qt::LeftButton);
+  ASSERT_EQ(window.dataModel()->size(), before + 1);
+  EXPECT_EQ(window.dataModel()->at(before)->name(), "Labels");
+  EXPECT_EQ(window.dataModel()->at(before)->modality(), Data::LABEL);
+  // The window closes the panel once its slot has returned.
+  QApplication::processEvents();
+  EXPECT_EQ(window.openAlgorithmInstance(), nullptr);
+  EXPECT_EQ(window.findChild<QWidget*>("InteractiveSegmentationController"), nullptr);
 }
 
 TEST(QtHelpers, BackgroundWorkKeepsTheInterfaceResponsiveAndRunOnMainThreadReturnsThere) {

@@ -286,3 +286,27 @@ TEST(LabelToMesh, SerialEqualsParallel) {
     EXPECT_EQ(serial[i]->name(), parallel[i]->name());
   }
 }
+
+// The enclosed volume of a surface: an exact box, far from the origin, either winding; and the
+// label mesh of a ball against the voxels it encloses.
+TEST(MeshVolume, BoxesGiveTheirVolumeSignedByWindingAndBallsTheirVoxelCount) {
+  Mesh box;
+  const Eigen::Vector3f o(1000.0f, -2000.0f, 500.0f), e(2.0f, 3.0f, 4.0f);
+  for (int k = 0; k < 8; ++k) box.vertices.push_back(o + Eigen::Vector3f(k & 1 ? e.x() : 0, k & 2 ? e.y() : 0, k & 4 ? e.z() : 0));
+  // Outward winding: x-, x+, y-, y+, z-, z+.
+  box.faces = {{0, 4, 6}, {0, 6, 2}, {1, 3, 7}, {1, 7, 5}, {0, 1, 5}, {0, 5, 4},
+               {2, 6, 7}, {2, 7, 3}, {0, 2, 3}, {0, 3, 1}, {4, 5, 7}, {4, 7, 6}};
+  ASSERT_TRUE(MeshProcessing::isClosedManifold(box));
+  EXPECT_NEAR(MeshProcessing::Statistics::computeVolume(box), 24.0, 1e-9);
+  for (auto& f : box.faces) std::swap(f[1], f[2]);
+  EXPECT_NEAR(MeshProcessing::Statistics::computeVolume(box), -24.0, 1e-9);
+  EXPECT_EQ(MeshProcessing::Statistics::computeVolume(Mesh{}), 0.0);
+
+  auto map = labelMap({32, 32, 32}, {{1, ball({15.5, 15.5, 15.5}, 10)}});
+  const auto* v = static_cast<const TypedImage<unsigned char>*>(map->mem());
+  double voxels = 0;
+  for (size_t i = 0; i < v->descriptor().pixelCount(); ++i) voxels += v->pointer()[i] == 1;
+  auto meshes = run(map.get());
+  ASSERT_EQ(meshes.size(), 1u);
+  EXPECT_NEAR(MeshProcessing::Statistics::computeVolume(*meshes[0]), voxels, voxels * 0.05);
+}

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "GuiTestKit.h"
+#include "InteractiveSegmentationController.h"
 #include "Log.h"
 #include "Parameter.h"
 #include "SegAlgorithmControllerFactory.h"
@@ -164,9 +166,11 @@ TEST(SegAlgorithmFactory, InteractiveRowsTakeAnImageAloneOrWithAFittingLabelMap)
     EXPECT_FALSE(d->isCompatible(DataList{image.get(), labels.get(), labels.get()})) << name;
     auto a = d->create(DataList{image.get(), labels.get()});
     ASSERT_TRUE(a) << name;
-    // Their panel is never the graph-based one, although they derive from it.
+    // Both get the interactive panel, never the graph-based one, although they derive from it.
+    TestKit::qtApp();
     SegAlgorithmControllerFactory controllers;
-    EXPECT_EQ(controllers.create(a.get()), nullptr) << name;
+    std::unique_ptr<AlgorithmController> panel(controllers.create(a.get()));
+    EXPECT_TRUE(dynamic_cast<InteractiveSegmentationController*>(panel.get())) << name;
   }
   EXPECT_EQ(f.algorithmDescriptor("Seg.InteractiveSegmentationWatershed")->menuPath,
             "Segmentation;Interactive Watershed Segmentation");
