@@ -505,6 +505,21 @@ std::unique_ptr<TypedImage<unsigned char>> quantizeAndBakeWindowLevel(const MemI
   return out;
 }
 
+std::pair<double, double> rangeWindowLevel(const MemImage& frame) {
+  double min = 0.0, max = 1.0;
+  dispatchPixelType(frame.type(), [&](auto tag) {
+    using T = decltype(tag);
+    T lo, hi;
+    if (const auto* typed = dynamic_cast<const TypedImage<T>*>(&frame); typed && typed->getRange(lo, hi)) {
+      min = static_cast<double>(lo);
+      max = static_cast<double>(hi);
+    }
+  });
+  const double lo = frame.descriptor().toPhysical(min);
+  const double hi = frame.descriptor().toPhysical(max);
+  return {hi - lo, (hi + lo) * 0.5};
+}
+
 bool seedsValid(const TypedImage<unsigned char>& seeds) {
   const unsigned char* p = seeds.pointer();
   const size_t n = seeds.descriptor().elementCount();

@@ -14,6 +14,7 @@
 #include <Eigen/Core>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "Image.h"
@@ -56,6 +57,10 @@ bool run(const TypedImage<unsigned char>& source, TypedImage<unsigned char>& see
 // NaN give 255. Null for pixel types other than I8, U8, I16, U16, I32, U32, F32 and F64.
 std::unique_ptr<TypedImage<unsigned char>> quantizeAndBakeWindowLevel(const MemImage& image, double window,
                                                                       double level);
+
+// Window and level (physical units) that span the frame's stored range: the quantisation of an
+// image without display options.
+std::pair<double, double> rangeWindowLevel(const MemImage& frame);
 
 // True when the image holds at least two different labels (values 1 to 253).
 bool seedsValid(const TypedImage<unsigned char>& seeds);

@@ -19,18 +19,7 @@ constexpr const char* kCategory = "Seg.WatershedSegmentationAlgorithm";
 // Window and level from the display options, else spanning the frame's stored range.
 std::pair<double, double> windowLevel(const SharedImageSet& set, const MemImage& frame) {
   if (const auto* display = set.components().get<DisplayOptions2d>()) return {display->window, display->level};
-  double min = 0.0, max = 1.0;
-  dispatchPixelType(frame.type(), [&](auto tag) {
-    using T = decltype(tag);
-    T lo, hi;
-    if (const auto* typed = dynamic_cast<const TypedImage<T>*>(&frame); typed && typed->getRange(lo, hi)) {
-      min = static_cast<double>(lo);
-      max = static_cast<double>(hi);
-    }
-  });
-  const double lo = frame.descriptor().toPhysical(min);
-  const double hi = frame.descriptor().toPhysical(max);
-  return {hi - lo, (hi + lo) * 0.5};
+  return Watershed::rangeWindowLevel(frame);
 }
 
 // A function that hands out `image` once, without copying it.

@@ -35,23 +35,6 @@ std::unique_ptr<U8Image> asU8(std::unique_ptr<MemImage> image) {
   return nullptr;
 }
 
-// The frame's stored range as window and level in physical units: window 1 and level 0.5 of
-// the normalised range.
-std::pair<double, double> rangeWindowLevel(const MemImage& frame) {
-  double min = 0.0, max = 1.0;
-  dispatchPixelType(frame.type(), [&](auto tag) {
-    using T = decltype(tag);
-    T lo, hi;
-    if (const auto* typed = dynamic_cast<const TypedImage<T>*>(&frame); typed && typed->getRange(lo, hi)) {
-      min = static_cast<double>(lo);
-      max = static_cast<double>(hi);
-    }
-  });
-  const double lo = frame.descriptor().toPhysical(min);
-  const double hi = frame.descriptor().toPhysical(max);
-  return {hi - lo, (hi + lo) * 0.5};
-}
-
 // Mean of each f x f x f block (clipped at the far border), one channel.
 std::unique_ptr<U8Image> reduceMean(const U8Image& in, int f) {
   const Eigen::Vector3i d = in.descriptor().dimensions;
@@ -260,12 +243,12 @@ void WatershedTool::refreshInputOutput() {
       auto* display = const_cast<SharedImageSet&>(image_).components().get<DisplayOptions2d>();
       if (!display) {
         display = const_cast<SharedImageSet&>(image_).components().getOrCreate<DisplayOptions2d>();
-        std::tie(display->window, display->level) = rangeWindowLevel(*frame->mem());
+        std::tie(display->window, display->level) = Watershed::rangeWindowLevel(*frame->mem());
       }
       window = display->window;
       level = display->level;
     } else {
-      std::tie(window, level) = rangeWindowLevel(*frame->mem());
+      std::tie(window, level) = Watershed::rangeWindowLevel(*frame->mem());
     }
     sourceWindow_ = window;
     sourceLevel_ = level;
