@@ -216,6 +216,28 @@ const unsigned char* LabelMapRefinement::maskFor(int frame) const {
   return m.pointer();
 }
 
+// Writes the label where `foreground(i)` says so and clears it where the label was and no
+// longer is, inside the mask and never on a locked label; returns the voxels changed.
+template <typename Foreground>
+size_t LabelMapRefinement::merge(unsigned char* out, size_t n, const unsigned char* mask, Foreground foreground) const {
+  size_t changed = 0;
+  for (size_t i = 0; i < n; ++i) {
+    if (mask && !mask[i]) continue;
+    const unsigned char current = out[i];
+    if (lock_.locked(current)) continue;
+    if (foreground(i)) {
+      if (current != label_) {
+        out[i] = label_;
+        ++changed;
+      }
+    } else if (current == label_) {
+      out[i] = 0;
+      ++changed;
+    }
+  }
+  return changed;
+}
+
 void LabelMapRefinement::runOnLabels(const Operation& op, unsigned char foregroundAbove) {
   changed_ = 0;
   for (int f : frames()) {
@@ -246,21 +268,7 @@ void LabelMapRefinement::runOnLabels(const Operation& op, unsigned char foregrou
     }
     const unsigned char* w = result->pointer();
     unsigned char* out = labels->pointer();
-    size_t changed = 0;
-    for (size_t i = 0; i < n; ++i) {
-      if (mask && !mask[i]) continue;
-      const unsigned char current = out[i];
-      if (lock_.locked(current)) continue;
-      if (w[i] > foregroundAbove) {
-        if (current != label_) {
-          out[i] = label_;
-          ++changed;
-        }
-      } else if (current == label_) {
-        out[i] = 0;
-        ++changed;
-      }
-    }
+    const size_t changed = merge(out, n, mask, [&](size_t i) { return w[i] > foregroundAbove; });
     if (changed) frame->setDirtyMem();
     changed_ += changed;
   }
@@ -425,21 +433,7 @@ void LabelMapRefinement::imageBasedRefinement(int size) {
     const unsigned char* mask = maskFor(f);
     const unsigned char* w = result->pointer();
     unsigned char* out = labels->pointer();
-    size_t changed = 0;
-    for (size_t i = 0; i < n; ++i) {
-      if (mask && !mask[i]) continue;
-      const unsigned char current = out[i];
-      if (lock_.locked(current)) continue;
-      if (w[i] == label_) {
-        if (current != label_) {
-          out[i] = label_;
-          ++changed;
-        }
-      } else if (current == label_) {
-        out[i] = 0;
-        ++changed;
-      }
-    }
+    const size_t changed = merge(out, n, mask, [&](size_t i) { return w[i] == label_; });
     if (changed) frame->setDirtyMem();
     changed_ += changed;
   }

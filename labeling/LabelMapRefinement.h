@@ -97,6 +97,8 @@ class LabelMapRefinement {
   // The outer frame: working copy, operation, merge with "foreground" meaning above
   // `foregroundAbove`.
   void runOnLabels(const Operation& op, unsigned char foregroundAbove);
+  template <typename Foreground>
+  size_t merge(unsigned char* out, size_t n, const unsigned char* mask, Foreground foreground) const;
   const unsigned char* maskFor(int frame) const;
 
   const SharedImageSet* image_;
