@@ -2,6 +2,7 @@
 
 #include "DefaultAlgorithmController.h"
 #include "GraphBasedSegmentation.h"
+#include "HessianAnalysisAlgorithm.h"
 #include "GraphBasedSegmentationController.h"
 #include "InteractiveSegmentationAlgorithm.h"
 #include "InteractiveSegmentationController.h"
@@ -35,6 +36,7 @@ AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm)
   // does not exist yet are left out, and the host then offers its generated panel.
   // Both interactive segmentations derive from the graph-based one and stand before it; the
   // watershed variant derives from the random-walk one and gets the same panel.
+  if (is<HessianAnalysisAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, false);
   if (auto* interactive = dynamic_cast<InteractiveSegmentationAlgorithm*>(algorithm))
     return new InteractiveSegmentationController(interactive);
   if (auto* labeling = dynamic_cast<LabelingAlgorithm*>(algorithm)) return new LabelingController(labeling);

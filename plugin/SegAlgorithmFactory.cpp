@@ -1,5 +1,6 @@
 #include "SegAlgorithmFactory.h"
 
+#include "CenterlineExtractionAlgorithm.h"
 #include "GraphBasedSegmentation.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
@@ -19,6 +20,7 @@ namespace Merivane {
 SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
+  registerAlgorithm<CenterlineExtractionAlgorithm>("CenterlineExtraction", "Segmentation;Centerline Extraction");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
   registerAlgorithm<InteractiveSegmentationAlgorithm>("InteractiveSegmentation", "Segmentation;Interactive Segmentation");
   registerAlgorithm<InteractiveSegmentationWatershedAlgorithm>("InteractiveSegmentationWatershed",

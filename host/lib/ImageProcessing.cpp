@@ -198,9 +198,60 @@ std::unique_ptr<MemImage> createResampled(const MemImage& image, const Eigen::Ve
   return out;
 }
 
+std::unique_ptr<MemImage> createThresholded(const MemImage& image, int mode, double threshold) {
+  if (mode != Binary) return nullptr;
+  ImageDescriptor d = image.descriptor();
+  d.pixelType = U8;
+  d.channels = 1;
+  d.shift = 0.0;
+  d.scale = 1.0;
+  auto out = std::make_unique<TypedImage<unsigned char>>(d, nullptr, MemImage::Ownership::Owned, false);
+  unsigned char* o = out->pointer();
+  const long n = static_cast<long>(d.pixelCount());
+  const int c = image.channels();
+  dispatchPixelType(image.type(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* p = static_cast<const T*>(image.data());
+#pragma omp parallel for schedule(static) if (n > (1 << 16))
+    for (long i = 0; i < n; ++i) o[i] = static_cast<double>(p[i * c]) >= threshold ? 1 : 0;
+  });
+  return out;
+}
+
 }  // namespace ImageProcessing
 
 namespace Filters {
+
+bool convolve3x3x3(const MemImage& in, MemImage& out, const float kernel[27]) {
+  if (in.type() != F32 || out.type() != F32 || in.channels() != 1 || out.channels() != 1 ||
+      in.dimensions() != out.dimensions() || !kernel)
+    return false;
+  const int w = in.width(), h = in.height(), s = in.slices();
+  const float* src = static_cast<const float*>(in.data());
+  float* dst = static_cast<float*>(out.data());
+  if (src == dst) return false;
+  const size_t row = static_cast<size_t>(w), slice = row * static_cast<size_t>(h);
+  // Each z writes only slice z of `out`.
+#pragma omp parallel for schedule(static) if (s >= 9)
+  for (int z = 0; z < s; ++z) {
+    int zs[3] = {std::max(z - 1, 0), z, std::min(z + 1, s - 1)};
+    for (int y = 0; y < h; ++y) {
+      int ys[3] = {std::max(y - 1, 0), y, std::min(y + 1, h - 1)};
+      for (int x = 0; x < w; ++x) {
+        int xs[3] = {std::max(x - 1, 0), x, std::min(x + 1, w - 1)};
+        float acc = 0.0f;
+        for (int k = 0; k < 3; ++k)
+          for (int j = 0; j < 3; ++j) {
+            const float* line = src + static_cast<size_t>(zs[k]) * slice + static_cast<size_t>(ys[j]) * row;
+            const float* kr = kernel + (k * 3 + j) * 3;
+            acc += kr[0] * line[xs[0]] + kr[1] * line[xs[1]] + kr[2] * line[xs[2]];
+          }
+        dst[static_cast<size_t>(z) * slice + static_cast<size_t>(y) * row + x] = acc;
+      }
+    }
+  }
+  return true;
+}
 
 bool boxFilter3d(const MemImage* in, MemImage* out, int sx, int sy, int sz) {
   if (!in || !out || in->dimensions() != out->dimensions() || in->channels() != out->channels()) return false;

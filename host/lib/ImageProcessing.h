@@ -35,6 +35,12 @@ std::unique_ptr<MemImage> createPadded(const MemImage& image, PaddingMode mode, 
 // labels); the size becomes round(extent / spacing), at least 1.
 std::unique_ptr<MemImage> createResampled(const MemImage& image, const Eigen::Vector3d& spacing, bool nearest = false);
 
+// Threshold modes: Binary gives a U8 image of channel 0, 1 where the stored value is at least
+// `threshold` and 0 elsewhere (shift and scale are not applied).
+enum ThresholdMode : int { Binary = 17 };
+// Null for an unknown mode.
+std::unique_ptr<MemImage> createThresholded(const MemImage& image, int mode, double threshold);
+
 }  // namespace Merivane::ImageProcessing
 
 namespace Merivane::Filters {
@@ -43,5 +49,10 @@ namespace Merivane::Filters {
 // border. `out` must have the input's dimensions and channels; any pixel type, integers rounded
 // to the nearest value and saturated.
 bool boxFilter3d(const MemImage* in, MemImage* out, int sx, int sy, int sz);
+
+// Correlation of a one-channel float volume with a 3 x 3 x 3 kernel (x fastest, as the image),
+// the edge voxel repeated beyond the border. `out` must be a float image of the same size;
+// false otherwise. Slices run in parallel; results do not depend on the thread count.
+bool convolve3x3x3(const MemImage& in, MemImage& out, const float kernel[27]);
 
 }  // namespace Merivane::Filters

@@ -90,6 +90,10 @@ std::vector<Eigen::Vector3d> Spline::sampleByLength(int n) const {
   return out;
 }
 
+void Spline::getUniformSamples(int count, std::vector<Eigen::Vector3d>& out, double /*tolerance*/) const {
+  out = sampleByLength(count);
+}
+
 Spline Spline::getApproximateClosedSpline(int skipFactor, bool refine) const {
   const int skip = std::max(skipFactor, 1);
   const int n = static_cast<int>(points_.size());

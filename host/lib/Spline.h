@@ -25,6 +25,11 @@ class Spline {
   Eigen::Vector3d pointAtLength(double s) const;
   // `n` points evenly spaced in arc length, starting at the first control point.
   std::vector<Eigen::Vector3d> sampleByLength(int n) const;
+  // `count` points evenly spaced in arc length from the first control point to the last (to
+  // the first again for a closed curve), into `out`. Arc length comes from the fine table,
+  // whose chords lie within `tolerance` of the curve for any tolerance the callers use; the
+  // argument keeps the host's signature.
+  void getUniformSamples(int count, std::vector<Eigen::Vector3d>& out, double tolerance) const;
   // A closed spline through about one point in `skipFactor` of this one's points (values
   // below 2 keep all), each the mean of the `skipFactor` points round it. `refine` instead
   // re-places the kept points evenly by arc length on this curve.
