@@ -14,6 +14,8 @@
 #include "Mesh.h"
 #include "MeshIO.h"
 #include "Parameter.h"
+#include "PointSet.h"
+#include "PointSetIO.h"
 #include "SharedImageSet.h"
 
 namespace fs = std::filesystem;
@@ -123,6 +125,12 @@ bool writeData(const Data& d, const fs::path& base, const RunOptions& options, c
     written.push_back(path);
     return true;
   }
+  if (d.kind() == Data::kindPointSet) {
+    const std::string path = base.string() + ".csv";
+    if (!IO::writePointSet(static_cast<const PointSet&>(d), path, &error)) return false;
+    written.push_back(path);
+    return true;
+  }
   const SharedImageSet* s = d.asImageSet();
   if (!s) {
     LOG_WARN("merivane", "No file format for output '" << d.describe() << "' (kind " << d.kind() << "); skipped");
@@ -174,6 +182,12 @@ std::string resolveAlgorithmName(const std::string& name) {
 
 bool readInputs(const std::vector<InputFile>& inputs, std::vector<std::unique_ptr<Data>>& owned, std::string* error) {
   for (const auto& in : inputs) {
+    if (IO::isPointSetPath(in.path) && !in.asLabels) {
+      auto points = IO::readPointSet(in.path, error);
+      if (!points) return false;
+      owned.push_back(std::move(points));
+      continue;
+    }
     if (IO::isMeshPath(in.path) && !in.asLabels) {
       auto mesh = IO::readMesh(in.path, error);
       if (!mesh) return false;

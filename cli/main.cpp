@@ -8,6 +8,7 @@
 
 #include "Commands.h"
 #include "Demo.h"
+#include "ExtractionTools.h"
 #include "Log.h"
 #include "MLPlugin.h"
 #include "Plugin.h"
@@ -93,6 +94,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "merivane: %s\n", error.c_str());
     return 1;
   }
+  Cli::registerExtractionTools();
   if (command == "list") return Cli::commandList(rest);
   if (command == "params") return Cli::commandParams(rest);
   if (command == "demo") return Cli::commandDemo(rest, argv[0], !quiet);

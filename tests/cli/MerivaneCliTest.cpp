@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <Eigen/Geometry>
+#include <cmath>
 #include <cstdlib>
 
 #include "../io/IoTestUtil.h"
@@ -161,6 +162,51 @@ TEST(MerivaneCli, StatisticsCsvLandsInTheOutputFolder) {
   EXPECT_EQ(TestKit::readBytes(dir.file("out/stats.csv")),
             "Label;Minimum;Maximum;Mean;SD;Area (mm²);#Pixels\norgans/Liver;0;11;5.5;5.8;4;4\n");
   EXPECT_NE(r.err.find("[INFO] Seg.LabelStatisticsAlgorithm"), std::string::npos) << r.err;
+}
+
+TEST(MerivaneCli, CenterlineFromPointsInCsvFollowsTheTubeInWorldCoordinates) {
+  TestKit::ScratchDir dir;
+  // A bright tube along x at y = 8, z = 5 of a volume with an oblique matrix.
+  auto image = TestKit::makeImage<unsigned short>({30, 16, 10}, [](int x, int y, int z) {
+    return 100 + 700 * std::exp(-((y - 8) * (y - 8) + (z - 5) * (z - 5)) / 2.0);
+  });
+  image->get(0)->setMatrix(obliqueMatrix());
+  std::string error;
+  ASSERT_TRUE(IO::writeImage(*image, dir.file("tube.nrrd"), &error)) << error;
+  const Eigen::Vector3d a = image->get(0)->pixelToWorld({3, 8, 5}), b = image->get(0)->pixelToWorld({26, 8, 5});
+  ASSERT_TRUE(IO::writeCsvFile(dir.file("line.csv"), {"x", "y", "z"},
+                               {{std::to_string(a[0]), std::to_string(a[1]), std::to_string(a[2])},
+                                {std::to_string(b[0]), std::to_string(b[1]), std::to_string(b[2])}}));
+  const Outcome r = merivane(dir, "--quiet run CenterlineExtraction --in " + dir.file("tube.nrrd") + " --in " +
+                                      dir.file("line.csv") + " --set \"Working Resolution=1\" --set \"Centerline Samples=5\" --out " +
+                                      dir.file("out"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("Probability_Map.nrrd"), std::string::npos);
+  EXPECT_NE(r.out.find("Action_Map.nrrd"), std::string::npos);
+  std::vector<IO::CsvRow> rows;
+  ASSERT_TRUE(IO::parseCsv(TestKit::readBytes(dir.file("out/Centerline.csv")), rows));
+  ASSERT_EQ(rows.size(), 6u);
+  EXPECT_EQ(rows[0], (IO::CsvRow{"x", "y", "z"}));
+  for (size_t i = 1; i < rows.size(); ++i) {
+    const Eigen::Vector3d p(std::stod(rows[i][0]), std::stod(rows[i][1]), std::stod(rows[i][2]));
+    const Eigen::Vector3d v = image->get(0)->worldToPixel(p);
+    EXPECT_NEAR(v[1], 8.0, 0.5) << i;
+    EXPECT_NEAR(v[2], 5.0, 0.5) << i;
+  }
+
+  // The same run with one point only fails with the algorithm's status and writes nothing.
+  ASSERT_TRUE(IO::writeCsvFile(dir.file("one.csv"), {"x", "y", "z"},
+                               {{std::to_string(a[0]), std::to_string(a[1]), std::to_string(a[2])}}));
+  const Outcome one = merivane(dir, "--quiet run CenterlineExtraction --in " + dir.file("tube.nrrd") + " --in " +
+                                        dir.file("one.csv") + " --out " + dir.file("out1"));
+  EXPECT_EQ(one.code, 1);
+  EXPECT_NE(one.err.find("at least two initial points"), std::string::npos) << one.err;
+
+  // The Hessian analysis, which the plug-in's menu leaves out, runs by name.
+  const Outcome h = merivane(dir, "--quiet run HessianAnalysis --in " + dir.file("tube.nrrd") +
+                                      " --set \"Scales=1 2\" --out " + dir.file("out2"));
+  ASSERT_EQ(h.code, 0) << h.err;
+  EXPECT_NE(h.out.find("Tubularity.nrrd"), std::string::npos);
 }
 
 TEST(MerivaneCli, ContoursAreWrittenInThePropertiesTextBesideTheirLabelMap) {
