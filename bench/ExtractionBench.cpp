@@ -1,0 +1,125 @@
+// Hessian tubularity at four scales and fast marching over a whole volume.
+//
+//   ExtractionBench [benchmark flags]           the timed cases, sizes swept
+//   ExtractionBench --march-raw=DIR --size=N    marches DIR/speed.raw (N^3 float32, x fastest)
+//                                               once from the centre voxel, writes DIR/ours.raw
+//                                               (float32 arrival times, unreached +inf) and
+//                                               prints {"seconds": ...} for the call alone;
+//                                               bench/extraction_vs_peers.py uses it
+#include <benchmark/benchmark.h>
+
+#include <Eigen/Geometry>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "HessianAnalysis.h"
+#include "LevelSet.h"
+
+namespace Merivane {
+namespace {
+
+// Tubes of widths 1 to 4 voxels along the three axes and a diagonal, on a low ramp with a
+// fixed hashed noise: the same volume on every run.
+std::unique_ptr<TypedImage<float>> tubePhantom(int n) {
+  auto img = TypedImage<float>::zeros(Eigen::Vector3i(n, n, n));
+  const double c = n / 2.0;
+  for (int z = 0; z < n; ++z)
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x) {
+        unsigned h = static_cast<unsigned>(x) * 73856093u ^ static_cast<unsigned>(y) * 19349663u ^
+                     static_cast<unsigned>(z) * 83492791u;
+        h ^= h >> 13;
+        h *= 0x5bd1e995u;
+        double v = 10.0 * x / n + (h % 1000) / 200.0;
+        const double r1 = std::hypot(y - 0.3 * n, z - 0.3 * n), r2 = std::hypot(x - 0.7 * n, z - 0.4 * n);
+        const double r3 = std::hypot(x - 0.5 * n, y - 0.7 * n);
+        const double d = (Eigen::Vector3d(x, y, z) - Eigen::Vector3d(c, c, c)).cross(Eigen::Vector3d(1, 1, 1).normalized()).norm();
+        v += 100 * std::exp(-r1 * r1 / 2.0) + 100 * std::exp(-r2 * r2 / 8.0) + 100 * std::exp(-r3 * r3 / 18.0) +
+             100 * std::exp(-d * d / 32.0);
+        img->setValue(static_cast<float>(v), x, y, z);
+      }
+  return img;
+}
+
+std::vector<float> speedPhantom(int n) {
+  std::vector<float> s(static_cast<size_t>(n) * n * n);
+  size_t i = 0;
+  for (int z = 0; z < n; ++z)
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x)
+        s[i++] = static_cast<float>(0.6 + 0.4 * std::sin(0.11 * x) * std::cos(0.07 * y + 0.05 * z));
+  return s;
+}
+
+void BM_HessianTubularityFourScales(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  auto image = tubePhantom(n);
+  auto out = TypedImage<float>::zeros(image->dimensions());
+  HessianTubularityMeasure measure;
+  measure.scales = {1.0, 2.0, 3.0, 4.0};
+  for (auto _ : state) {
+    measure.computeMeasure(*image, *out);
+    benchmark::DoNotOptimize(out->pointer());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n) * n * n);
+}
+BENCHMARK(BM_HessianTubularityFourScales)->RangeMultiplier(2)->Range(32, 128)->Unit(benchmark::kMillisecond);
+
+void BM_FastMarchingWholeVolume(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  std::vector<float> speed = speedPhantom(n), times(speed.size());
+  int size[3] = {n, n, n};
+  const Eigen::Vector3d seed(n / 2, n / 2, n / 2), noTarget(-1, -1, -1);
+  for (auto _ : state) {
+    LevelSet::FastMarching3D<float>(times.data(), size, {seed}, speed.data(), noTarget, -1.0f, nullptr);
+    benchmark::DoNotOptimize(times.data());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n) * n * n);
+}
+BENCHMARK(BM_FastMarchingWholeVolume)->RangeMultiplier(2)->Range(64, 256)->Unit(benchmark::kMillisecond);
+
+std::string option(int argc, char** argv, const std::string& name) {
+  const std::string prefix = "--" + name + "=";
+  for (int i = 1; i < argc; ++i)
+    if (std::strncmp(argv[i], prefix.c_str(), prefix.size()) == 0) return argv[i] + prefix.size();
+  return {};
+}
+
+int marchRaw(const std::string& dir, int n) {
+  std::vector<float> speed(static_cast<size_t>(n) * n * n), times(speed.size());
+  std::ifstream in(dir + "/speed.raw", std::ios::binary);
+  if (!in.read(reinterpret_cast<char*>(speed.data()), static_cast<std::streamsize>(speed.size() * sizeof(float)))) {
+    std::fprintf(stderr, "%s/speed.raw: missing or shorter than %d^3 floats\n", dir.c_str(), n);
+    return 1;
+  }
+  int size[3] = {n, n, n};
+  const auto start = std::chrono::steady_clock::now();
+  LevelSet::FastMarching3D<float>(times.data(), size, {Eigen::Vector3d(n / 2, n / 2, n / 2)}, speed.data(),
+                                  Eigen::Vector3d(-1, -1, -1), -1.0f, nullptr);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::ofstream out(dir + "/ours.raw", std::ios::binary);
+  out.write(reinterpret_cast<const char*>(times.data()), static_cast<std::streamsize>(times.size() * sizeof(float)));
+  if (!out) return 1;
+  std::printf("{\"seconds\": %.6f}\n", seconds);
+  return 0;
+}
+
+}  // namespace
+}  // namespace Merivane
+
+int main(int argc, char** argv) {
+  const std::string size = Merivane::option(argc, argv, "size");
+  const int n = size.empty() ? 256 : std::stoi(size);
+  if (const std::string dir = Merivane::option(argc, argv, "march-raw"); !dir.empty()) return Merivane::marchRaw(dir, n);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
