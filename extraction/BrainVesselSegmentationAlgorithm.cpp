@@ -95,8 +95,9 @@ void smoothPreservingEdges(std::vector<float>& u, const Eigen::Vector3i& d, int 
                                  std::clamp(x, 0L, nx - 1))];
   };
   std::vector<float> g(static_cast<size_t>(n));
-  double sum = 0.0;
-#pragma omp parallel for schedule(static) reduction(+ : sum) if (nz >= 9)
+  // Per-slice sums added in slice order: the edge scale does not depend on the thread count.
+  std::vector<double> sliceSums(static_cast<size_t>(nz), 0.0);
+#pragma omp parallel for schedule(static) if (nz >= 9)
   for (long z = 0; z < nz; ++z)
     for (long y = 0; y < ny; ++y)
       for (long x = 0; x < nx; ++x) {
@@ -105,8 +106,10 @@ void smoothPreservingEdges(std::vector<float>& u, const Eigen::Vector3i& d, int 
         const double gz = 0.5 * (at(u, x, y, z + 1) - at(u, x, y, z - 1));
         const double s2 = gx * gx + gy * gy + gz * gz;
         g[static_cast<size_t>(z * sz + y * sy + x)] = static_cast<float>(s2);
-        sum += s2;
+        sliceSums[static_cast<size_t>(z)] += s2;
       }
+  double sum = 0.0;
+  for (double v : sliceSums) sum += v;
   const double k2 = 2.0 * sum / static_cast<double>(n);
   for (float& v : g) v = k2 > 0.0 ? static_cast<float>(std::exp(-v / k2)) : 1.0f;
 

@@ -1,5 +1,6 @@
 // Vessels from a difference inside a brain mask; the mask's closing and filling; inputs.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include "BrainVesselSegmentationAlgorithm.h"
 #include "LabelDataComponent.h"
@@ -51,6 +52,25 @@ TEST(BrainVesselSegmentation, VesselsOfTheDifferenceInsideTheFilledMask) {
   EXPECT_EQ(l.value(37, 16, 12), 0);
   EXPECT_EQ(l.value(20, 16, 5), 0);
   EXPECT_EQ(l.value(20, 8, 12), 0);
+}
+
+TEST(BrainVesselSegmentation, SerialEqualsParallel) {
+  auto a = mri(withContrast), b = mri(without);
+  auto mask = shellMask();
+  auto run = [&](int threads) {
+    omp_set_num_threads(threads);
+    BrainVesselSegmentationAlgorithm algorithm(a.get(), b.get(), mask.get());
+    algorithm.threshold = 0.2;
+    algorithm.compute();
+    EXPECT_EQ(algorithm.status(), Algorithm::statusSuccess);
+    auto out = algorithm.takeOutput().extractFirstImage();
+    const auto* p = static_cast<const unsigned char*>(out->mem()->data());
+    return std::vector<unsigned char>(p, p + out->mem()->descriptor().pixelCount());
+  };
+  const int threads = omp_get_max_threads();
+  const auto serial = run(1), parallel = run(2);
+  omp_set_num_threads(threads);
+  EXPECT_EQ(serial, parallel);
 }
 
 TEST(BrainVesselSegmentation, BrainMaskIsClosedFilledAndOnTheReferenceGrid) {
