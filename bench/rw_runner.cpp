@@ -45,6 +45,9 @@ int main(int argc, char** argv) {
   p.setParam("Solver ID", std::atoi(argv[7]));
   p.setParam("Solver Iterations", std::atoi(argv[8]));
   p.setParam("Solver Tolerance (Log)", std::atoi(argv[9]));
+  // Pyramid experiments: RW_LEVELS levels, RW_REUSE=0 to start each level from scratch.
+  if (const char* lv = std::getenv("RW_LEVELS")) p.setParam("Num Levels", std::atoi(lv));
+  if (const char* ru = std::getenv("RW_REUSE")) p.setParam("Re-Use Solution", std::atoi(ru) != 0);
   a.configure(&p);
   a.compute();
   auto out = a.takeOutput().extractFirstImage();
