@@ -1,6 +1,13 @@
 #include "LevelSet.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/mman.h>
+#include <vector>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -9,75 +16,75 @@ namespace Merivane::LevelSet {
 
 namespace {
 
-constexpr int32_t kFar = -1;
-constexpr int32_t kFrozen = -2;
-
-// Binary min-heap of (time, voxel) whose slots are recorded per voxel in `pos`, so that a
-// lowered time moves its entry up in place instead of adding a duplicate.
-template <typename T>
-class IndexedHeap {
+// Monotone priority queue of (time, voxel): a radix heap over the bit patterns of non-negative
+// doubles, which order as the values do. Fast marching only ever pushes times at or above the
+// last one taken, which is all a radix heap asks; each entry moves down at most 64 buckets in
+// its life, and a bucket is a contiguous array, so the queue stays in cache where a binary
+// heap of a large band would miss on every level. Entries of one key come out last in, first
+// out, the same on every run. A lowered time pushes a fresh entry; stale ones are skipped.
+class RadixQueue {
  public:
-  explicit IndexedHeap(int32_t* pos) : pos_(pos) {}
-  bool empty() const { return keys_.empty(); }
-  T topKey() const { return keys_.front(); }
-  int64_t topVoxel() const { return voxels_.front(); }
-
-  void push(int64_t voxel, T key) {
-    keys_.push_back(key);
-    voxels_.push_back(voxel);
-    const size_t slot = keys_.size() - 1;
-    pos_[voxel] = static_cast<int32_t>(slot);
-    up(slot);
+  struct Entry {
+    uint64_t key;
+    uint32_t voxel;
+  };
+  static uint64_t keyOf(double t) {
+    uint64_t k;
+    std::memcpy(&k, &t, sizeof k);
+    return k;
   }
-  void decrease(int64_t voxel, T key) {
-    const size_t slot = static_cast<size_t>(pos_[voxel]);
-    keys_[slot] = key;
-    up(slot);
+  bool empty() const { return size_ == 0; }
+  void push(uint64_t key, uint32_t voxel) {
+    buckets_[bucket(key)].push_back({key, voxel});
+    ++size_;
   }
-  // Removes the top; the caller marks its voxel.
-  void pop() {
-    const size_t last = keys_.size() - 1;
-    if (last > 0) place(0, keys_[last], voxels_[last]);
-    keys_.pop_back();
-    voxels_.pop_back();
-    if (!keys_.empty()) down(0);
+  // The least entry; call only when not empty.
+  Entry pop() {
+    if (buckets_[0].empty()) {
+      int i = 1;
+      while (buckets_[i].empty()) ++i;
+      auto& from = buckets_[i];
+      uint64_t least = from.front().key;
+      for (const Entry& e : from) least = std::min(least, e.key);
+      last_ = least;
+      for (const Entry& e : from) buckets_[bucket(e.key)].push_back(e);
+      from.clear();
+    }
+    const Entry e = buckets_[0].back();
+    buckets_[0].pop_back();
+    --size_;
+    return e;
   }
+  uint64_t last() const { return last_; }
 
  private:
-  void place(size_t slot, T key, int64_t voxel) {
-    keys_[slot] = key;
-    voxels_[slot] = voxel;
-    pos_[voxel] = static_cast<int32_t>(slot);
-  }
-  void up(size_t slot) {
-    const T key = keys_[slot];
-    const int64_t voxel = voxels_[slot];
-    while (slot > 0) {
-      const size_t parent = (slot - 1) / 2;
-      if (!(key < keys_[parent])) break;
-      place(slot, keys_[parent], voxels_[parent]);
-      slot = parent;
-    }
-    place(slot, key, voxel);
-  }
-  void down(size_t slot) {
-    const size_t n = keys_.size();
-    const T key = keys_[slot];
-    const int64_t voxel = voxels_[slot];
-    for (;;) {
-      size_t child = 2 * slot + 1;
-      if (child >= n) break;
-      if (child + 1 < n && keys_[child + 1] < keys_[child]) ++child;
-      if (!(keys_[child] < key)) break;
-      place(slot, keys_[child], voxels_[child]);
-      slot = child;
-    }
-    place(slot, key, voxel);
-  }
+  int bucket(uint64_t key) const { return key == last_ ? 0 : 64 - std::countl_zero(key ^ last_); }
+  std::array<std::vector<Entry>, 65> buckets_;
+  uint64_t last_ = 0;
+  size_t size_ = 0;
+};
 
-  std::vector<T> keys_;
-  std::vector<int64_t> voxels_;
-  int32_t* pos_;
+// An uninitialised array on 2 MiB pages where the system grants them: the march jumps between
+// slices a whole plane apart, and with 4 KiB pages nearly every such step misses the TLB.
+template <typename E>
+class HugeArray {
+ public:
+  explicit HugeArray(size_t count) : bytes_((count * sizeof(E) + kHuge - 1) / kHuge * kHuge) {
+    data_ = static_cast<E*>(std::aligned_alloc(kHuge, bytes_));
+#ifdef MADV_HUGEPAGE
+    if (data_) madvise(data_, bytes_, MADV_HUGEPAGE);
+#endif
+  }
+  ~HugeArray() { std::free(data_); }
+  HugeArray(const HugeArray&) = delete;
+  HugeArray& operator=(const HugeArray&) = delete;
+  E* data() { return data_; }
+  E& operator[](size_t i) { return data_[i]; }
+
+ private:
+  static constexpr size_t kHuge = size_t(2) << 20;
+  size_t bytes_;
+  E* data_ = nullptr;
 };
 
 // Root of sum_k (t - a_k)^2 = f^2 over the smallest a_k that stay below t (a sorted
@@ -117,58 +124,88 @@ void FastMarching3D(T* times, int* size, const std::vector<Eigen::Vector3d>& see
   // Heap slots are 32-bit; a band cannot outgrow a grid of that many voxels.
   if (n >= std::numeric_limits<int32_t>::max()) return;
 
-  std::vector<int32_t> pos(static_cast<size_t>(n), kFar);
-  IndexedHeap<T> heap(pos.data());
-  auto enterable = [&](int64_t v) { return speed[v] > T(0) && (!mask || mask[v]); };
+  // Everything the march reads about a voxel sits in one cell of 8 bytes (for float times),
+  // so that visiting a neighbour costs one cache line rather than one per array: the march is
+  // bound by memory latency, as its front wanders over the whole volume. The slowness 1 / speed
+  // carries the state: positive while far or in the band, negative once frozen, 0 when the
+  // voxel cannot be entered.
+  struct Cell {
+    T time;
+    float slowness;
+    bool frozen() const { return slowness < 0.0f; }
+    bool open() const { return slowness > 0.0f; }
+  };
+  HugeArray<Cell> cells(static_cast<size_t>(n));
+#pragma omp parallel for schedule(static) if (n > 65536)
+  for (int64_t i = 0; i < n; ++i) {
+    const bool in = speed[i] > T(0) && (!mask || mask[i]);
+    const float f = in ? static_cast<float>(1.0 / static_cast<double>(speed[i])) : 0.0f;
+    // A speed so high that its slowness rounds to 0 still lets the front in.
+    cells[static_cast<size_t>(i)] = {std::numeric_limits<T>::infinity(),
+                                     in ? std::max(f, std::numeric_limits<float>::denorm_min()) : 0.0f};
+  }
+  Cell* c = cells.data();
+  if (!c) return;
+  RadixQueue queue;
 
   for (const Eigen::Vector3d& s : seeds) {
     const Eigen::Vector3i v = nearestVoxel(s);
     if (!inside(v, size)) continue;
     const int64_t i = v[0] * sx + v[1] * sy + v[2] * sz;
-    if (!enterable(i) || pos[static_cast<size_t>(i)] != kFar) continue;
-    times[i] = T(0);
-    heap.push(i, T(0));
+    if (!c[i].open() || c[i].time == T(0)) continue;
+    c[i].time = T(0);
+    queue.push(RadixQueue::keyOf(0.0), static_cast<uint32_t>(i));
   }
   const Eigen::Vector3i t = nearestVoxel(target);
   const int64_t targetVoxel = inside(t, size) ? t[0] * sx + t[1] * sy + t[2] * sz : -1;
 
   // The least frozen neighbour time along one axis (infinity without one).
-  auto frozenMin = [&](int64_t v, int64_t c, int64_t nc, int64_t stride) {
+  auto frozenMin = [&](int64_t v, int64_t coord, int64_t extent, int64_t stride) {
     double a = std::numeric_limits<double>::infinity();
-    if (c > 0 && pos[static_cast<size_t>(v - stride)] == kFrozen) a = static_cast<double>(times[v - stride]);
-    if (c + 1 < nc && pos[static_cast<size_t>(v + stride)] == kFrozen)
-      a = std::min(a, static_cast<double>(times[v + stride]));
+    if (coord > 0 && c[v - stride].frozen()) a = static_cast<double>(c[v - stride].time);
+    if (coord + 1 < extent && c[v + stride].frozen()) a = std::min(a, static_cast<double>(c[v + stride].time));
     return a;
   };
 
-  while (!heap.empty()) {
-    const T key = heap.topKey();
-    if (limit >= T(0) && key > limit) break;
-    const int64_t v = heap.topVoxel();
-    heap.pop();
-    pos[static_cast<size_t>(v)] = kFrozen;
+  while (!queue.empty()) {
+    const RadixQueue::Entry top = queue.pop();
+    const int64_t v = top.voxel;
+    Cell& cv = c[v];
+    if (cv.frozen() || top.key != RadixQueue::keyOf(static_cast<double>(cv.time))) continue;  // stale
+    // Past the limit: this voxel and all later ones keep their tentative times.
+    if (limit >= T(0) && cv.time > limit) break;
+    cv.slowness = -cv.slowness;
     if (v == targetVoxel) break;
-    const int64_t z = v / sz, y = (v - z * sz) / sy, x = v - z * sz - y * sy;
+    // 32-bit division: the grid has fewer than 2^31 voxels, and this runs once per voxel.
+    const auto v32 = static_cast<uint32_t>(v);
+    const int64_t z = v32 / static_cast<uint32_t>(sz);
+    const auto rest = static_cast<uint32_t>(v32 - z * sz);
+    const int64_t y = rest / static_cast<uint32_t>(sy), x = rest - y * sy;
     const int64_t coord[3] = {x, y, z};
     const int64_t extent[3] = {nx, ny, nz};
     const int64_t stride[3] = {sx, sy, sz};
     for (int axis = 0; axis < 3; ++axis)
       for (int dir = -1; dir <= 1; dir += 2) {
-        const int64_t c = coord[axis] + dir;
-        if (c < 0 || c >= extent[axis]) continue;
+        const int64_t cc = coord[axis] + dir;
+        if (cc < 0 || cc >= extent[axis]) continue;
         const int64_t u = v + dir * stride[axis];
-        const int32_t state = pos[static_cast<size_t>(u)];
-        if (state == kFrozen || !enterable(u)) continue;
-        const int64_t uc[3] = {axis == 0 ? c : x, axis == 1 ? c : y, axis == 2 ? c : z};
+        Cell& cu = c[u];
+        if (!cu.open()) continue;
+        const int64_t uc[3] = {axis == 0 ? cc : x, axis == 1 ? cc : y, axis == 2 ? cc : z};
         double a[3] = {frozenMin(u, uc[0], nx, sx), frozenMin(u, uc[1], ny, sy), frozenMin(u, uc[2], nz, sz)};
-        std::sort(a, a + 3);
-        const T tu = static_cast<T>(solveUpwind(a[0], a[1], a[2], 1.0 / static_cast<double>(speed[u])));
-        if (!(tu < times[u])) continue;
-        times[u] = tu;
-        if (state == kFar) heap.push(u, tu);
-        else heap.decrease(u, tu);
+        // Three values in order by a fixed network of swaps.
+        if (a[1] < a[0]) std::swap(a[0], a[1]);
+        if (a[2] < a[1]) std::swap(a[1], a[2]);
+        if (a[1] < a[0]) std::swap(a[0], a[1]);
+        // A new time never lies below the one just frozen, save for rounding; the queue needs that.
+        const T tu = std::max(static_cast<T>(solveUpwind(a[0], a[1], a[2], static_cast<double>(cu.slowness))), cv.time);
+        if (!(tu < cu.time)) continue;
+        cu.time = tu;
+        queue.push(RadixQueue::keyOf(static_cast<double>(tu)), static_cast<uint32_t>(u));
       }
   }
+#pragma omp parallel for schedule(static) if (n > 65536)
+  for (int64_t i = 0; i < n; ++i) times[i] = c[i].time;
 }
 
 template <typename T>

@@ -3,9 +3,10 @@
 // units (unit spacing, x fastest).
 //
 // FastMarching3D solves |grad T| = 1 / speed with the first-order upwind scheme of Sethian's
-// fast marching: an indexed binary min-heap holds the narrow band (decrease-key in place, so
-// every voxel enters the heap once), and each update solves the upwind quadratic over the
-// frozen face neighbours, dropping axes whose neighbour value is too large for the root.
+// fast marching: a binary min-heap of (time, voxel) entries holds the narrow band, a lowered
+// time pushes a fresh entry and stale ones are skipped when they surface, and each update solves
+// the upwind quadratic over the frozen face neighbours, dropping axes whose neighbour value is
+// too large for the root. One state byte per voxel says far, band or frozen.
 // Everything lives in flat arrays; no per-voxel allocation.
 //
 // TracePath3DDiscrete walks down the arrival times from `end` towards `start`, each step to
