@@ -1,6 +1,7 @@
 #include "SegAlgorithmFactory.h"
 
 #include "GraphBasedSegmentation.h"
+#include "HistogramIntensityClusteringAlgorithm.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
 #include "InteractiveSegmentationAlgorithm.h"
@@ -19,6 +20,8 @@ namespace Merivane {
 SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
+  registerAlgorithm<HistogramIntensityClusteringAlgorithm>("HistogramIntensityClustering",
+                                                         "Segmentation;Intensity Clustering (Histogram)");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
   registerAlgorithm<InteractiveSegmentationAlgorithm>("InteractiveSegmentation", "Segmentation;Interactive Segmentation");
   registerAlgorithm<InteractiveSegmentationWatershedAlgorithm>("InteractiveSegmentationWatershed",

@@ -127,7 +127,8 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->isCompatible(DataList{})) << d->id;
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.LabelToMesh",
+  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.HistogramIntensityClustering",
+                                           "Seg.LabelToMesh",
                                            "Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed",
                                            "Seg.Labeling",
                                            "Seg.LabelStatistics",
