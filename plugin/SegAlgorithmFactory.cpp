@@ -4,6 +4,7 @@
 #include "HistogramIntensityClusteringAlgorithm.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
+#include "IntensityClusteringAlgorithm.h"
 #include "InteractiveSegmentationAlgorithm.h"
 #include "InteractiveSegmentationWatershedAlgorithm.h"
 #include "LabelMapIsolineRenderer.h"
@@ -22,6 +23,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<HistogramIntensityClusteringAlgorithm>("HistogramIntensityClustering",
                                                          "Segmentation;Intensity Clustering (Histogram)");
+  registerAlgorithm<IntensityClusteringAlgorithm>("IntensityClustering", "Segmentation;Intensity Clustering");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
   registerAlgorithm<InteractiveSegmentationAlgorithm>("InteractiveSegmentation", "Segmentation;Interactive Segmentation");
   registerAlgorithm<InteractiveSegmentationWatershedAlgorithm>("InteractiveSegmentationWatershed",

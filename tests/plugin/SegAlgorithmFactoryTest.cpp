@@ -128,6 +128,7 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
   EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.HistogramIntensityClustering",
+                                           "Seg.IntensityClustering",
                                            "Seg.LabelToMesh",
                                            "Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed",
                                            "Seg.Labeling",
