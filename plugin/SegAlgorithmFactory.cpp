@@ -1,5 +1,6 @@
 #include "SegAlgorithmFactory.h"
 
+#include "ConvolutionalCRFAlgorithm.h"
 #include "GraphBasedSegmentation.h"
 #include "HistogramIntensityClusteringAlgorithm.h"
 #include "ContoursStorageComponent.h"
@@ -36,6 +37,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
   registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
+  registerAlgorithm<ConvolutionalCRFAlgorithm>("ConvolutionalCRF", "Segmentation;Convolutional CRF");
 
   // The plug-in's one data component, restored by id when label maps are loaded.
   registeredContours_ = DataComponentFactory::get().registerComponent(

@@ -134,7 +134,8 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
                                            "Seg.Labeling",
                                            "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
-                                           "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours"}));
+                                           "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours",
+                                           "Seg.ConvolutionalCRF"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {
