@@ -4,11 +4,59 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace Merivane::Seg::internal {
 
 namespace {
 int window(int radius, int size) { return std::min(2 * radius + 1, size); }
+
+// exp(x) for x <= 0 to about 2e-7 relative, branch-free so that loops over it vectorise:
+// x = n ln2 + r with |r| <= ln2 / 2, a degree-6 polynomial for e^r, and 2^n put into the
+// exponent bits. Below -87 it gives 0.
+inline float expNeg(float x) {
+  x = std::max(x, -87.0f);
+  // Adding 1.5 * 2^23 rounds to the nearest integer in the low mantissa bits.
+  const float n = (x * 1.44269504f + 12582912.0f) - 12582912.0f;
+  const float r = x - n * 0.693145751953125f - n * 1.428606765330187e-06f;
+  float p = 1.3888889e-3f;
+  p = p * r + 8.3333333e-3f;
+  p = p * r + 4.1666667e-2f;
+  p = p * r + 1.6666667e-1f;
+  p = p * r + 0.5f;
+  p = p * r + 1.0f;
+  p = p * r + 1.0f;
+  const int bits = (static_cast<int>(n) + 127) << 23;
+  float scale;
+  std::memcpy(&scale, &bits, sizeof scale);
+  return p * scale;
+}
+
+// Planar copy of an interleaved grid, grown by (px, py, pz) cells on each side that repeat
+// the nearest real cell: window reads then need no clamping.
+struct Padded {
+  int w, h, d, px, py, pz;
+  std::vector<float> data;  // channel planes of w * h * d
+  const float* plane(int c) const { return data.data() + static_cast<size_t>(c) * w * h * d; }
+  const float* row(int c, int z, int y) const {
+    return plane(c) + (static_cast<size_t>(z + pz) * h + (y + py)) * w + px;
+  }
+};
+Padded pad(const std::vector<float>& in, const CrfGrid& g, int channels, int px, int py, int pz) {
+  Padded p{g.w + 2 * px, g.h + 2 * py, g.d + 2 * pz, px, py, pz, {}};
+  p.data.resize(static_cast<size_t>(channels) * p.w * p.h * p.d);
+#pragma omp parallel for schedule(static) if (g.count() >= 4096)
+  for (int row = 0; row < p.d * p.h; ++row) {
+    const int z = row / p.h, y = row % p.h;
+    const int sz = std::clamp(z - pz, 0, g.d - 1), sy = std::clamp(y - py, 0, g.h - 1);
+    const float* src = &in[(static_cast<size_t>(sz) * g.h + sy) * g.w * channels];
+    for (int c = 0; c < channels; ++c) {
+      float* dst = p.data.data() + static_cast<size_t>(c) * p.w * p.h * p.d + static_cast<size_t>(row) * p.w;
+      for (int x = 0; x < p.w; ++x) dst[x] = src[static_cast<size_t>(std::clamp(x - px, 0, g.w - 1)) * channels + c];
+    }
+  }
+  return p;
+}
 
 // Linear interpolation position along one axis from reduced size n at factor f.
 struct Tap {
@@ -76,7 +124,7 @@ void ConvolutionalCRF::softmax(float* out, const float* in, int classes) {
   float m = in[0];
   for (int c = 1; c < classes; ++c) m = std::max(m, in[c]);
   float sum = 0.0f;
-  for (int c = 0; c < classes; ++c) sum += out[c] = std::exp(in[c] - m);
+  for (int c = 0; c < classes; ++c) sum += out[c] = expNeg(in[c] - m);
   sum = std::max(sum, 1e-6f);
   for (int c = 0; c < classes; ++c) out[c] /= sum;
 }
@@ -101,34 +149,34 @@ ConvolutionalCRF::ConvolutionalCRF(const CrfGrid& grid, int featureChannels, int
 }
 
 void ConvolutionalCRF::buildKernels(const std::vector<float>& features) {
-  const std::vector<float> fr = reduce(features, grid_, F_, s_.downsampling);
   const CrfGrid& r = reduced_;
   const int hx = (kx_ - 1) / 2, hy = (ky_ - 1) / 2, hz = (kz_ - 1) / 2;
+  const Padded f = pad(reduce(features, grid_, F_, s_.downsampling), r, F_, hx, hy, hz);
   const size_t offsets = spatial_.size();
+  // Laid out by reduced row, then offset, then x, so that window sums run along x.
   kernels_.assign(r.count() * offsets, 0.0f);
-  // Each reduced pixel writes its own slice of the kernels.
+  const float gain = -0.5f / s_.appearanceSigma;
+  // Each reduced row writes its own block of the kernels.
 #pragma omp parallel for schedule(static) if (r.count() >= 1024)
   for (int row = 0; row < r.d * r.h; ++row) {
     const int z = row / r.h, y = row % r.h;
-    for (int x = 0; x < r.w; ++x) {
-      const size_t p = (static_cast<size_t>(z) * r.h + y) * r.w + x;
-      const float* fp = &fr[p * F_];
-      float* k = &kernels_[p * offsets];
-      size_t o = 0;
-      for (int dz = -hz; dz <= hz; ++dz) {
-        const int qz = std::clamp(z + dz, 0, r.d - 1);
-        for (int dy = -hy; dy <= hy; ++dy) {
-          const int qy = std::clamp(y + dy, 0, r.h - 1);
-          for (int dx = -hx; dx <= hx; ++dx, ++o) {
-            const int qx = std::clamp(x + dx, 0, r.w - 1);
-            const float* fq = &fr[((static_cast<size_t>(qz) * r.h + qy) * r.w + qx) * F_];
-            float dist = 0.0f;
-            for (int c = 0; c < F_; ++c) dist += (fp[c] - fq[c]) * (fp[c] - fq[c]);
-            k[o] = s_.smoothWeight * spatial_[o] + s_.adaptiveness * std::exp(-0.5f * std::sqrt(dist) / s_.appearanceSigma);
+    std::vector<float> dist(static_cast<size_t>(r.w));
+    float* k = &kernels_[static_cast<size_t>(row) * offsets * r.w];
+    size_t o = 0;
+    for (int dz = -hz; dz <= hz; ++dz)
+      for (int dy = -hy; dy <= hy; ++dy)
+        for (int dx = -hx; dx <= hx; ++dx, ++o) {
+          std::fill(dist.begin(), dist.end(), 0.0f);
+          for (int c = 0; c < F_; ++c) {
+            const float* fp = f.row(c, z, y);
+            const float* fq = f.row(c, z + dz, y + dy) + dx;
+            for (int x = 0; x < r.w; ++x) dist[static_cast<size_t>(x)] += (fp[x] - fq[x]) * (fp[x] - fq[x]);
           }
+          const float spatial = s_.smoothWeight * spatial_[o];
+          float* ko = k + o * static_cast<size_t>(r.w);
+          for (int x = 0; x < r.w; ++x)
+            ko[x] = spatial + s_.adaptiveness * expNeg(gain * std::sqrt(dist[static_cast<size_t>(x)]));
         }
-      }
-    }
   }
 }
 
@@ -152,31 +200,29 @@ ConvolutionalCRF::Stop ConvolutionalCRF::run(const std::vector<float>& unary, st
   const float unaryWeight = 1.0f - s_.adaptiveness;
   for (int t = 0; t < s_.maxNumIter; ++t) {
     if (canceled && canceled()) return Stop::Canceled;
-    const std::vector<float> qr = reduce(q, grid_, C, f);
-    // Window sums on the reduced grid, then the compatibility transform.
+    const Padded qr = pad(reduce(q, grid_, C, f), r, C, hx, hy, hz);
+    // Window sums on the reduced grid along rows, then the compatibility transform.
 #pragma omp parallel for schedule(static) if (r.count() >= 1024)
     for (int row = 0; row < r.d * r.h; ++row) {
       const int z = row / r.h, y = row % r.h;
-      std::vector<float> m(static_cast<size_t>(C));
-      for (int x = 0; x < r.w; ++x) {
-        const size_t p = (static_cast<size_t>(z) * r.h + y) * r.w + x;
-        const float* k = &kernels_[p * offsets];
-        std::fill(m.begin(), m.end(), 0.0f);
-        size_t o = 0;
-        for (int dz = -hz; dz <= hz; ++dz) {
-          const int qz = std::clamp(z + dz, 0, r.d - 1);
-          for (int dy = -hy; dy <= hy; ++dy) {
-            const float* line = &qr[(static_cast<size_t>(qz) * r.h + std::clamp(y + dy, 0, r.h - 1)) * r.w * C];
-            for (int dx = -hx; dx <= hx; ++dx, ++o) {
-              const float* qq = line + static_cast<size_t>(std::clamp(x + dx, 0, r.w - 1)) * C;
-              for (int l = 0; l < C; ++l) m[static_cast<size_t>(l)] += k[o] * qq[l];
+      std::vector<float> m(static_cast<size_t>(C) * r.w, 0.0f);
+      const float* k = &kernels_[static_cast<size_t>(row) * offsets * r.w];
+      size_t o = 0;
+      for (int dz = -hz; dz <= hz; ++dz)
+        for (int dy = -hy; dy <= hy; ++dy)
+          for (int dx = -hx; dx <= hx; ++dx, ++o) {
+            const float* ko = k + o * static_cast<size_t>(r.w);
+            for (int l = 0; l < C; ++l) {
+              const float* qq = qr.row(l, z + dz, y + dy) + dx;
+              float* ml = &m[static_cast<size_t>(l) * r.w];
+              for (int x = 0; x < r.w; ++x) ml[x] += ko[x] * qq[x];
             }
           }
-        }
-        float* out = &message[p * C];
+      for (int x = 0; x < r.w; ++x) {
+        float* out = &message[((static_cast<size_t>(z) * r.h + y) * r.w + x) * C];
         for (int c = 0; c < C; ++c) {
           float s = 0.0f;
-          for (int l = 0; l < C; ++l) s += compat_[static_cast<size_t>(c) * C + l] * m[static_cast<size_t>(l)];
+          for (int l = 0; l < C; ++l) s += compat_[static_cast<size_t>(c) * C + l] * m[static_cast<size_t>(l) * r.w + x];
           out[c] = -s;
         }
       }
