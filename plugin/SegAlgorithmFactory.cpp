@@ -1,9 +1,12 @@
 #include "SegAlgorithmFactory.h"
 
 #include "CenterlineExtractionAlgorithm.h"
+#include "ConvolutionalCRFAlgorithm.h"
 #include "GraphBasedSegmentation.h"
+#include "HistogramIntensityClusteringAlgorithm.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
+#include "IntensityClusteringAlgorithm.h"
 #include "InteractiveSegmentationAlgorithm.h"
 #include "InteractiveSegmentationWatershedAlgorithm.h"
 #include "LabelMapIsolineRenderer.h"
@@ -21,6 +24,9 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<CenterlineExtractionAlgorithm>("CenterlineExtraction", "Segmentation;Centerline Extraction");
+  registerAlgorithm<HistogramIntensityClusteringAlgorithm>("HistogramIntensityClustering",
+                                                         "Segmentation;Intensity Clustering (Histogram)");
+  registerAlgorithm<IntensityClusteringAlgorithm>("IntensityClustering", "Segmentation;Intensity Clustering");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
   registerAlgorithm<InteractiveSegmentationAlgorithm>("InteractiveSegmentation", "Segmentation;Interactive Segmentation");
   registerAlgorithm<InteractiveSegmentationWatershedAlgorithm>("InteractiveSegmentationWatershed",
@@ -33,6 +39,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
   registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
+  registerAlgorithm<ConvolutionalCRFAlgorithm>("ConvolutionalCRF", "Segmentation;Convolutional CRF");
 
   // The plug-in's one data component, restored by id when label maps are loaded.
   registeredContours_ = DataComponentFactory::get().registerComponent(

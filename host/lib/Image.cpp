@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 namespace Merivane {
 
@@ -136,10 +137,27 @@ template <typename T>
 bool TypedImage<T>::getRange(T& min, T& max) const {
   const size_t n = desc_.elementCount();
   if (n == 0) return false;
-  auto [lo, hi] = std::minmax_element(data_, data_ + n);
-  min = *lo;
-  max = *hi;
-  return true;
+  if constexpr (std::is_floating_point_v<T>) {
+    // NaN compares false both ways and would stick as an extreme if it came first: skip it.
+    bool any = false;
+    T lo = 0, hi = 0;
+    for (size_t i = 0; i < n; ++i) {
+      const T v = data_[i];
+      if (v != v) continue;
+      if (!any) lo = hi = v, any = true;
+      lo = v < lo ? v : lo;
+      hi = v > hi ? v : hi;
+    }
+    if (!any) return false;
+    min = lo;
+    max = hi;
+    return true;
+  } else {
+    auto [lo, hi] = std::minmax_element(data_, data_ + n);
+    min = *lo;
+    max = *hi;
+    return true;
+  }
 }
 
 template class TypedImage<char>;

@@ -172,7 +172,8 @@ class TypedImage : public MemImage {
   }
   T value(int x, int y, int z = 0, int c = 0) const { return data_[index(x, y, z, c)]; }
   void setValue(T value, int x, int y, int z = 0, int c = 0) { data_[index(x, y, z, c)] = value; }
-  // Smallest and largest element over all channels; false for an empty image.
+  // Smallest and largest element over all channels, NaN left out; false for an empty image
+  // (or one of NaN only).
   bool getRange(T& min, T& max) const;
 
  private:

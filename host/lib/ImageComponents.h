@@ -5,20 +5,36 @@
 #include <vector>
 
 #include "DataComponent.h"
+#include "EigenFwd.h"
 
 namespace Merivane {
 
 class SharedImageSet;
 
-// Per-frame value range in original (physical) values.
+// Value ranges and histograms of a set's frames, in original (physical) values.
 class HistogramDataComponent : public DataComponent<HistogramDataComponent> {
  public:
   explicit HistogramDataComponent(const SharedImageSet* owner = nullptr) : owner_(owner) {}
   std::string id() const override { return "HistogramDataComponent"; }
   bool operator==(const HistogramDataComponent&) const { return true; }
+  // The set's component, created on first use; a copy carried over by a clone of another set
+  // is pointed at this one.
+  static HistogramDataComponent& of(SharedImageSet& set);
+
   // Minimum and maximum of one frame, or of all frames, after shift and scale.
   std::pair<double, double> minmaxOriginal(int frame) const;
   std::pair<double, double> minmaxOriginal() const;
+  // The range the histograms span: that of the frame in focus, after shift and scale.
+  std::pair<double, double> minmax() const;
+  // The finest useful bucket count of a frame: one bucket per stored value for integer
+  // pixels (the stored range plus one, at most 65536), 4096 for floating-point pixels;
+  // 0 for a missing frame.
+  int maxNumBuckets(int frame) const;
+  // Counts of the frame's elements (all channels) in `numBuckets` equal buckets over
+  // [range[0], range[1]] of original values; the upper end falls into the last bucket, values
+  // outside the range and NaN into none. Empty for a missing frame, numBuckets < 1 or a range
+  // that is empty or not finite.
+  std::vector<double> derivedHistogram(int frame, int numBuckets, const Vec2d& range) const;
 
  private:
   const SharedImageSet* owner_;

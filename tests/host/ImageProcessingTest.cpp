@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include <cmath>
 #include <random>
 #include <vector>
 
 #include "Image.h"
+#include "GuidedFilter.h"
 #include "ImageProcessing.h"
+#include "TestSupport.h"
 
 using namespace Merivane;
 using FloatImage = TypedImage<float>;
@@ -249,3 +252,33 @@ TEST_P(ProcessingThreads, ResampleCropAndBoxFilterDoNotDependOnThreads) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Slices, ProcessingThreads, testing::Values(1, 7, 9, 33));
+
+// The guided filter with the image as its own guide: a constant stays, a step far above
+// epsilon stays sharp, and small noise on the flat parts is smoothed.
+TEST(GuidedFilter, KeepsEdgesAndSmoothsFlatNoise) {
+  auto img = TypedImage<float>::create(Eigen::Vector3i(20, 20, 1), 1);
+  for (int y = 0; y < 20; ++y)
+    for (int x = 0; x < 20; ++x)
+      img->setValue(static_cast<float>((x < 10 ? 0.0 : 1.0) + 0.01 * TestKit::hashNoise(x, y, 0)), x, y);
+  auto out = TypedImage<float>::create(img->descriptor());
+  GuidedFilter f;
+  f.setSmoothingKernelSize(5);
+  f.setEpsilon(0.01);
+  ASSERT_TRUE(f.compute(*img, *out));
+  double noiseIn = 0, noiseOut = 0;
+  for (int y = 0; y < 20; ++y)
+    for (int x = 0; x < 20; ++x) {
+      const double ideal = x < 10 ? 0.0 : 1.0;
+      EXPECT_NEAR(out->value(x, y), ideal, 0.05) << x << "," << y;
+      if (x < 7 || x > 12) {
+        noiseIn += std::abs(img->value(x, y) - ideal);
+        noiseOut += std::abs(out->value(x, y) - ideal);
+      }
+    }
+  EXPECT_LT(noiseOut, 0.6 * noiseIn);
+  img->fill(3.0f);
+  ASSERT_TRUE(f.compute(*img, *out));
+  for (int i = 0; i < 400; ++i) EXPECT_NEAR(out->pointer()[i], 3.0f, 1e-5);
+  f.setSmoothingKernelSize(0);
+  EXPECT_FALSE(f.compute(*img, *out));
+}

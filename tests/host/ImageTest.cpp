@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <omp.h>
+
 #include <Eigen/Geometry>
+#include <cmath>
 
 #include "ImageComponents.h"
 #include "ImageProcessing.h"
@@ -233,4 +236,55 @@ TEST(Mask, ExplicitRenderingOfCroppingAndIntensityMasks) {
   EXPECT_EQ(rendered->maskImageTyped().value(2, 1), 255);
   auto converted = ExplicitMask::convert(*rendered->maskImageTyped().clone());
   EXPECT_EQ(converted->maskImageTyped().value(2, 1), 255);
+}
+
+TEST(TypedImage, RangeLeavesNaNOut) {
+  TypedImage<float> img(Eigen::Vector3i(4, 1, 1), 1);
+  const float nan = std::nanf("");
+  float v[] = {nan, 3.0f, -2.0f, nan};
+  std::copy(v, v + 4, img.pointer());
+  float lo = 0, hi = 0;
+  ASSERT_TRUE(img.getRange(lo, hi));
+  EXPECT_EQ(lo, -2.0f);
+  EXPECT_EQ(hi, 3.0f);
+  img.fill(nan);
+  EXPECT_FALSE(img.getRange(lo, hi));
+}
+
+// Histograms in original values: buckets of stored values, the upper end in the last bucket.
+TEST(HistogramDataComponent, BucketsOriginalValuesOverTheGivenRange) {
+  auto set = TestKit::makeImage<unsigned short>({5, 2, 1}, [](int x, int y, int) { return 10 + x + 5 * y; });
+  set->get(0)->setShiftScale(-100.0, 2.0);  // original = stored / 2 + 100
+  HistogramDataComponent& h = HistogramDataComponent::of(*set);
+  EXPECT_EQ(&h, set->components().get<HistogramDataComponent>());
+  const auto [lo, hi] = h.minmax();
+  EXPECT_DOUBLE_EQ(lo, 105.0);
+  EXPECT_DOUBLE_EQ(hi, 109.5);
+  EXPECT_EQ(h.maxNumBuckets(0), 10);
+  const std::vector<double> counts = h.derivedHistogram(0, 3, Vec2d(105.0, 108.0));
+  ASSERT_EQ(counts.size(), 3u);
+  EXPECT_EQ(counts, (std::vector<double>{2, 2, 3}));  // 105 105.5 | 106 106.5 | 107 107.5 108
+  EXPECT_TRUE(h.derivedHistogram(0, 0, Vec2d(105.0, 108.0)).empty());
+  EXPECT_TRUE(h.derivedHistogram(0, 4, Vec2d(3.0, 3.0)).empty());
+  EXPECT_TRUE(h.derivedHistogram(1, 4, Vec2d(0.0, 3.0)).empty());
+}
+
+TEST(HistogramDataComponent, NaNFallsIntoNoBucketAndSerialEqualsParallel) {
+  auto set = TestKit::makeImage<float>({300, 300, 1}, [](int x, int y, int) {
+    return (x + y) % 97 == 0 ? std::nanf("") : static_cast<float>(TestKit::hashNoise(x, y, 0));
+  });
+  HistogramDataComponent& h = HistogramDataComponent::of(*set);
+  EXPECT_EQ(h.maxNumBuckets(0), 4096);
+  const auto [lo, hi] = h.minmax();
+  omp_set_num_threads(1);
+  const std::vector<double> serial = h.derivedHistogram(0, 50, Vec2d(lo, hi));
+  omp_set_num_threads(2);
+  const std::vector<double> parallel = h.derivedHistogram(0, 50, Vec2d(lo, hi));
+  EXPECT_EQ(serial, parallel);
+  double total = 0;
+  for (double c : serial) total += c;
+  int nans = 0;
+  for (int y = 0; y < 300; ++y)
+    for (int x = 0; x < 300; ++x) nans += (x + y) % 97 == 0;
+  EXPECT_EQ(total, 300.0 * 300.0 - nans);
 }
