@@ -4,18 +4,18 @@
 Tubularity: one 128^3 phantom (Gaussian tubes of widths 1 to 4 voxels along the axes and a
 diagonal, on a ramp with noise) goes through `merivane run HessianAnalysis` with the scales
 1, 2, 3 and 4 mm, through skimage.filters.frangi with the same sigmas (bright ridges), and
-through ITK's multiscale Hessian objectness when the `itk` module can be imported. Times are
+through ITK's multiscale Hessian objectness (bench/itk_peer, built against Debian's ITK). Times are
 wall times: for ours the whole process (reading, computing, writing), for the peers the call
 alone. Agreement is reported as where the maxima lie: for each tube, the distance from the
 tube's axis of the strongest response in a slab across it, and the overlap of the top 1 % of
 voxels of each pair of results.
 
 Fast marching: ExtractionBench --march-raw marches a 256^3 speed image from its centre voxel;
-ITK's FastMarchingImageFilter marches the same image from the same trial point when `itk` is
-importable (scikit-image has no fast marching). Reported: both times and the relative
+ITK's FastMarchingImageFilter (bench/itk_peer) marches the same image from the same trial
+point (scikit-image has no fast marching). Reported: both times and the relative
 difference of the arrival times over the voxels both reached.
 
-    python3 bench/extraction_vs_peers.py [--build build-h] [--size 128] [--march-size 256]
+    python3 bench/extraction_vs_peers.py [--build build] [--size 128] [--march-size 256]
 """
 import argparse
 import gzip
@@ -87,6 +87,27 @@ def maxima_report(name, result, tubes):
     print("  %-10s strongest response, distance from the axis (voxels): %s" % (name, "; ".join(parts)))
 
 
+def itk_peer():
+    """Builds bench/itk_peer against Debian's ITK (installed when missing) once per checkout, in
+    the system's temp folder; None when that fails."""
+    here = os.path.dirname(os.path.abspath(__file__))
+    build = os.path.join(tempfile.gettempdir(), "merivane-itk-peer")
+    exe = os.path.join(build, "itk_peer")
+    if os.path.exists(exe):
+        return exe
+    try:
+        if not os.path.isdir("/usr/lib/cmake/ITK-5.2"):
+            subprocess.run(["apt-get", "install", "-y", "-qq", "--no-install-recommends", "libinsighttoolkit5-dev"],
+                           check=True, capture_output=True, env=dict(os.environ, DEBIAN_FRONTEND="noninteractive"))
+        subprocess.run(["cmake", "-S", os.path.join(here, "itk_peer"), "-B", build, "-G", "Ninja",
+                        "-DCMAKE_BUILD_TYPE=Release"], check=True, capture_output=True)
+        subprocess.run(["cmake", "--build", build], check=True, capture_output=True)
+        return exe
+    except (subprocess.CalledProcessError, FileNotFoundError) as e:
+        print("  (ITK peer not built: %s; ITK is left out)" % e)
+        return None
+
+
 def tubularity(args):
     n = args.size
     image, tubes = tube_phantom(n)
@@ -108,21 +129,14 @@ def tubularity(args):
     results["skimage"] = frangi(image, sigmas=sigmas, black_ridges=False)
     times["skimage"] = time.perf_counter() - start
 
-    try:
-        import itk
-        itk_image = itk.image_from_array(image)
-        start = time.perf_counter()
-        objectness = itk.HessianToObjectnessMeasureImageFilter[itk.SymmetricSecondRankTensor[itk.D, 3], itk.Image[itk.F, 3]].New()
-        objectness.SetBrightObject(True)
-        objectness.SetObjectDimension(1)
-        multi = itk.MultiScaleHessianBasedMeasureImageFilter.New(itk_image, HessianToMeasureFilter=objectness,
-                                                                SigmaMinimum=1.0, SigmaMaximum=4.0,
-                                                                NumberOfSigmaSteps=4)
-        multi.Update()
-        times["ITK"] = time.perf_counter() - start
-        results["ITK"] = itk.array_from_image(multi.GetOutput())
-    except ImportError:
-        print("  (ITK not importable: its objectness is left out)")
+    peer = itk_peer()
+    if peer:
+        with tempfile.TemporaryDirectory() as tmp:
+            image.astype(np.float32).tofile(os.path.join(tmp, "in.raw"))
+            out = subprocess.run([peer, "hessian", str(n), os.path.join(tmp, "in.raw"), os.path.join(tmp, "out.raw")]
+                                 + [str(s) for s in sigmas], check=True, capture_output=True, text=True)
+            times["ITK"] = json.loads(out.stdout)["seconds"]
+            results["ITK"] = np.fromfile(os.path.join(tmp, "out.raw"), np.float32).reshape(n, n, n)
 
     print("Hessian tubularity, %d^3, scales %s" % (n, sigmas))
     for name, t in times.items():
@@ -148,28 +162,15 @@ def marching(args):
         ours = np.fromfile(os.path.join(tmp, "ours.raw"), dtype=np.float32).reshape(n, n, n)
     print("Fast marching, %d^3, from the centre voxel" % n)
     print("  %-10s %8.3f s" % ("ours", ours_time))
-    try:
-        import itk
-    except ImportError:
-        print("  (ITK not importable: no peer to compare with)")
+    peer = itk_peer()
+    if not peer:
         return
-    image = itk.image_from_array(speed)
-    ImageType = itk.Image[itk.F, 3]
-    march = itk.FastMarchingImageFilter[ImageType, ImageType].New()
-    march.SetInput(image)
-    node = itk.LevelSetNode[itk.F, 3]()
-    node.SetValue(0.0)
-    node.SetIndex([n // 2, n // 2, n // 2])
-    container = itk.VectorContainer[itk.UI, itk.LevelSetNode[itk.F, 3]].New()
-    container.Initialize()
-    container.InsertElement(0, node)
-    march.SetTrialPoints(container)
-    march.SetOutputSize(image.GetLargestPossibleRegion().GetSize())
-    march.SetStoppingValue(1e30)
-    start = time.perf_counter()
-    march.Update()
-    theirs_time = time.perf_counter() - start
-    theirs = itk.array_from_image(march.GetOutput())
+    with tempfile.TemporaryDirectory() as tmp:
+        speed.tofile(os.path.join(tmp, "speed.raw"))
+        out = subprocess.run([peer, "march", str(n), os.path.join(tmp, "speed.raw"), os.path.join(tmp, "itk.raw")],
+                             check=True, capture_output=True, text=True)
+        theirs_time = json.loads(out.stdout)["seconds"]
+        theirs = np.fromfile(os.path.join(tmp, "itk.raw"), np.float32).reshape(n, n, n)
     both = np.isfinite(ours) & (theirs < 1e30) & (theirs > 0)
     rel = np.abs(ours[both] - theirs[both]) / theirs[both]
     print("  %-10s %8.3f s   (ratio %.1fx)" % ("ITK", theirs_time, theirs_time / ours_time))
@@ -179,7 +180,7 @@ def marching(args):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", default="build-h")
+    parser.add_argument("--build", default=os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "build"))
     parser.add_argument("--size", type=int, default=128)
     parser.add_argument("--march-size", type=int, default=256)
     args = parser.parse_args()
