@@ -1,6 +1,7 @@
 #include "SegAlgorithmFactory.h"
 
 #include "CenterlineExtractionAlgorithm.h"
+#include "DoseComputationAlgorithm.h"
 #include "GraphBasedSegmentation.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
@@ -13,12 +14,15 @@
 #include "LabelToMeshAlgorithm.h"
 #include "MakeCompatibleLabelMapAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
+#include "SkinSegmentationAlgorithm.h"
 #include "WatershedSegmentationAlgorithm.h"
 
 namespace Merivane {
 
 SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
+  registerAlgorithm<DoseComputationAlgorithm>("DoseComputation", "Segmentation;DoseComputation Algorithm",
+                                              AlgorithmFactory::Descriptor::RequiresHost);
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<CenterlineExtractionAlgorithm>("CenterlineExtraction", "Segmentation;Centerline Extraction");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
@@ -33,6 +37,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
   registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
+  registerAlgorithm<SkinSegmentationAlgorithm>("SkinSegmentation", "Segmentation;Extract Skin Surface");
 
   // The plug-in's one data component, restored by id when label maps are loaded.
   registeredContours_ = DataComponentFactory::get().registerComponent(
