@@ -1,4 +1,5 @@
-// Hessian tubularity at four scales and fast marching over a whole volume.
+// Hessian tubularity at four scales, fast marching over a whole volume, the skin of a body
+// phantom, and the dose's five kernel convolutions.
 //
 //   ExtractionBench [benchmark flags]           the timed cases, sizes swept
 //   ExtractionBench --march-raw=DIR --size=N    marches DIR/speed.raw (N^3 float32, x fastest)
@@ -18,8 +19,11 @@
 #include <string>
 #include <vector>
 
+#include "FftConvolution.h"
 #include "HessianAnalysis.h"
 #include "LevelSet.h"
+#include "SharedImageSet.h"
+#include "SkinSegmentationAlgorithm.h"
 
 namespace Merivane {
 namespace {
@@ -83,6 +87,65 @@ void BM_FastMarchingWholeVolume(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n) * n * n);
 }
 BENCHMARK(BM_FastMarchingWholeVolume)->RangeMultiplier(2)->Range(64, 256)->Unit(benchmark::kMillisecond);
+
+// A CT body: an elliptic cylinder of soft tissue through every slice in air, with lungs (two
+// balls at -700), a spine of bone and hashed noise.
+std::unique_ptr<SharedImageSet> bodyPhantom(int n) {
+  auto img = TypedImage<short>::create(Eigen::Vector3i(n, n, n), 1);
+  short* p = img->pointer();
+  const double c = n / 2.0;
+#pragma omp parallel for schedule(static)
+  for (int z = 0; z < n; ++z)
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x) {
+        const double ex = (x - c) / (0.42 * n), ey = (y - c) / (0.30 * n);
+        double v = -1000.0;
+        if (ex * ex + ey * ey <= 1.0) {
+          v = 40.0;
+          const double lx = std::abs(x - c) - 0.18 * n, ly = y - c, lz = z - c;
+          if (lx * lx + ly * ly + lz * lz * 0.2 <= 0.02 * n * n) v = -700.0;
+          if (std::abs(x - c) < 0.04 * n && y - c > 0.15 * n && y - c < 0.24 * n) v = 700.0;
+        }
+        const unsigned h = static_cast<unsigned>(x) * 73856093u ^ static_cast<unsigned>(y) * 19349663u ^
+                           static_cast<unsigned>(z) * 83492791u;
+        p[(static_cast<size_t>(z) * n + y) * n + x] = static_cast<short>(v + static_cast<int>(h % 41u) - 20);
+      }
+  auto set = std::make_unique<SharedImageSet>(std::shared_ptr<Image>(std::move(img)));
+  set->setModality(Data::CT);
+  return set;
+}
+
+void BM_SkinSegmentation(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  auto ct = bodyPhantom(n);
+  for (auto _ : state) {
+    SkinSegmentationAlgorithm skin(ct.get());
+    skin.mattingKernelSize = 0;
+    skin.compute();
+    benchmark::DoNotOptimize(skin.takeOutput());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n) * n * n);
+}
+BENCHMARK(BM_SkinSegmentation)->RangeMultiplier(2)->Range(64, 256)->Unit(benchmark::kMillisecond);
+
+// The source transformed once, then five 31^3 kernels: the convolutions of a dose run.
+void BM_DoseFiveKernelConvolutions(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0)), k = 31;
+  std::vector<float> volume(static_cast<size_t>(n) * n * n), out(volume.size());
+  for (size_t i = 0; i < volume.size(); ++i) volume[i] = static_cast<float>((i * 2654435761u) % 1000u);
+  std::vector<std::vector<float>> kernels(5, std::vector<float>(static_cast<size_t>(k) * k * k));
+  for (int c = 0; c < 5; ++c)
+    for (size_t i = 0; i < kernels[static_cast<size_t>(c)].size(); ++i)
+      kernels[static_cast<size_t>(c)][i] = 1.0f / static_cast<float>(1 + (i + static_cast<size_t>(c)) % 97u);
+  for (auto _ : state) {
+    Dose::FftConvolver conv(Eigen::Vector3i(n, n, n), Eigen::Vector3i(k, k, k));
+    conv.setVolume(volume.data());
+    for (const auto& kernel : kernels) conv.convolve(kernel.data(), Eigen::Vector3i(k, k, k), out.data());
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.SetItemsProcessed(state.iterations() * 5 * static_cast<int64_t>(n) * n * n);
+}
+BENCHMARK(BM_DoseFiveKernelConvolutions)->RangeMultiplier(2)->Range(64, 256)->Unit(benchmark::kMillisecond);
 
 std::string option(int argc, char** argv, const std::string& name) {
   const std::string prefix = "--" + name + "=";

@@ -2,6 +2,7 @@
 
 #include "CenterlineExtractionAlgorithm.h"
 #include "ConvolutionalCRFAlgorithm.h"
+#include "DoseComputationAlgorithm.h"
 #include "GraphBasedSegmentation.h"
 #include "HistogramIntensityClusteringAlgorithm.h"
 #include "ContoursStorageComponent.h"
@@ -16,12 +17,15 @@
 #include "LabelToMeshAlgorithm.h"
 #include "MakeCompatibleLabelMapAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
+#include "SkinSegmentationAlgorithm.h"
 #include "WatershedSegmentationAlgorithm.h"
 
 namespace Merivane {
 
 SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
+  registerAlgorithm<DoseComputationAlgorithm>("DoseComputation", "Segmentation;DoseComputation Algorithm",
+                                              AlgorithmFactory::Descriptor::RequiresHost);
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<CenterlineExtractionAlgorithm>("CenterlineExtraction", "Segmentation;Centerline Extraction");
   registerAlgorithm<HistogramIntensityClusteringAlgorithm>("HistogramIntensityClustering",
@@ -39,6 +43,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
   registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
+  registerAlgorithm<SkinSegmentationAlgorithm>("SkinSegmentation", "Segmentation;Extract Skin Surface");
   registerAlgorithm<ConvolutionalCRFAlgorithm>("ConvolutionalCRF", "Segmentation;Convolutional CRF");
 
   // The plug-in's one data component, restored by id when label maps are loaded.

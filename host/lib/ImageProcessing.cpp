@@ -199,7 +199,13 @@ std::unique_ptr<MemImage> createResampled(const MemImage& image, const Eigen::Ve
 }
 
 std::unique_ptr<MemImage> createThresholded(const MemImage& image, int mode, double threshold) {
-  if (mode != Binary) return nullptr;
+  if (mode != Binary && mode != BinaryOriginal) return nullptr;
+  // Comparing stored values against the threshold mapped to stored units keeps one test per
+  // voxel; a negative scale flips the comparison.
+  const double scale = image.scale(), shift = image.shift();
+  if (mode == BinaryOriginal && scale == 0.0) return nullptr;
+  const bool flipped = mode == BinaryOriginal && scale < 0.0;
+  if (mode == BinaryOriginal) threshold = (threshold + shift) * scale;
   ImageDescriptor d = image.descriptor();
   d.pixelType = U8;
   d.channels = 1;
@@ -213,9 +219,100 @@ std::unique_ptr<MemImage> createThresholded(const MemImage& image, int mode, dou
     using T = decltype(tag);
     const T* p = static_cast<const T*>(image.data());
 #pragma omp parallel for schedule(static) if (n > (1 << 16))
-    for (long i = 0; i < n; ++i) o[i] = static_cast<double>(p[i * c]) >= threshold ? 1 : 0;
+    for (long i = 0; i < n; ++i) {
+      const double v = static_cast<double>(p[i * c]);
+      o[i] = (flipped ? v <= threshold : v >= threshold) ? 1 : 0;
+    }
   });
   return out;
+}
+
+void computeInverted(MemImage& image) {
+  const long n = static_cast<long>(image.descriptor().elementCount());
+  dispatchPixelType(image.type(), [&](auto tag) {
+    using T = decltype(tag);
+    T* p = static_cast<T*>(image.data());
+#pragma omp parallel for schedule(static) if (n > (1 << 16))
+    for (long i = 0; i < n; ++i) p[i] = p[i] == T(0) ? T(1) : T(0);
+  });
+}
+
+std::vector<std::unique_ptr<MemImage>> computeGradient3D(const MemImage& image) {
+  std::vector<std::unique_ptr<MemImage>> out;
+  if (image.descriptor().pixelCount() == 0) return out;
+  auto values = createFloat(image, None);
+  if (!values) return out;
+  const Eigen::Vector3i dims = image.dimensions();
+  const int c = image.channels();
+  const float* v = static_cast<const float*>(values->data());
+  ImageDescriptor d = image.descriptor();
+  d.pixelType = F32;
+  d.channels = 1;
+  d.shift = 0.0;
+  d.scale = 1.0;
+  for (int k = 0; k < 3; ++k) out.push_back(MemImage::create(d, false));
+  float* g[3] = {static_cast<float*>(out[0]->data()), static_cast<float*>(out[1]->data()),
+                 static_cast<float*>(out[2]->data())};
+  const long sx = 1, sy = dims[0], sz = static_cast<long>(dims[0]) * dims[1];
+  const long stride[3] = {sx, sy, sz};
+#pragma omp parallel for schedule(static) if (dims[2] >= 9)
+  for (int z = 0; z < dims[2]; ++z)
+    for (int y = 0; y < dims[1]; ++y)
+      for (int x = 0; x < dims[0]; ++x) {
+        const int pos[3] = {x, y, z};
+        const long i = x + y * sy + z * sz;
+        for (int k = 0; k < 3; ++k) {
+          const int lo = pos[k] > 0 ? 1 : 0, hi = pos[k] + 1 < dims[k] ? 1 : 0;
+          const float a = v[(i - lo * stride[k]) * c], b = v[(i + hi * stride[k]) * c];
+          g[k][i] = lo + hi == 0 ? 0.0f : (b - a) / static_cast<float>(lo + hi);
+        }
+      }
+  return out;
+}
+
+std::vector<SubpixelEdge> computeSubpixelEdgeLocationAndOrientation3D(const MemImage& magnitude, const MemImage& gx,
+                                                                       const MemImage& gy, const MemImage& gz,
+                                                                       double contrast) {
+  std::vector<SubpixelEdge> edges;
+  const MemImage* all[4] = {&magnitude, &gx, &gy, &gz};
+  for (const MemImage* m : all)
+    if (m->type() != F32 || m->channels() != 1 || m->dimensions() != magnitude.dimensions()) return edges;
+  const Eigen::Vector3i dims = magnitude.dimensions();
+  const float* mag = static_cast<const float*>(magnitude.data());
+  const float* g[3] = {static_cast<const float*>(gx.data()), static_cast<const float*>(gy.data()),
+                       static_cast<const float*>(gz.data())};
+  const long stride[3] = {1, dims[0], static_cast<long>(dims[0]) * dims[1]};
+  // Per slice into its own list, then joined in slice order: the same list for any thread count.
+  std::vector<std::vector<SubpixelEdge>> perSlice(static_cast<size_t>(dims[2]));
+#pragma omp parallel for schedule(dynamic) if (dims[2] >= 9)
+  for (int z = 0; z < dims[2]; ++z) {
+    auto& list = perSlice[static_cast<size_t>(z)];
+    for (int y = 0; y < dims[1]; ++y)
+      for (int x = 0; x < dims[0]; ++x) {
+        const long i = x + y * stride[1] + z * stride[2];
+        const float m0 = mag[i];
+        if (!(m0 >= contrast) || m0 <= 0.0f) continue;
+        const Eigen::Vector3d grad(g[0][i], g[1][i], g[2][i]);
+        int axis = 0;
+        grad.cwiseAbs().maxCoeff(&axis);
+        const int pos[3] = {x, y, z};
+        // Walk along the gradient's sign so that "previous" is the lower side of the edge.
+        const int dir = grad[axis] >= 0.0 ? 1 : -1;
+        const int prev = pos[axis] - dir, next = pos[axis] + dir;
+        const float mp = prev >= 0 && prev < dims[axis] ? mag[i - dir * stride[axis]] : 0.0f;
+        const float mn = next >= 0 && next < dims[axis] ? mag[i + dir * stride[axis]] : 0.0f;
+        if (!(m0 >= mp && m0 > mn)) continue;
+        const double denom = static_cast<double>(mp) - 2.0 * m0 + mn;
+        const double offset = denom < 0.0 ? std::clamp(0.5 * (mp - mn) / denom, -0.5, 0.5) : 0.0;
+        SubpixelEdge e;
+        e.position = Eigen::Vector3d(x, y, z);
+        e.position[axis] += dir * offset;
+        e.normal = grad.normalized();
+        list.push_back(e);
+      }
+  }
+  for (auto& list : perSlice) edges.insert(edges.end(), list.begin(), list.end());
+  return edges;
 }
 
 }  // namespace ImageProcessing

@@ -127,14 +127,14 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->isCompatible(DataList{})) << d->id;
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.CenterlineExtraction",
+  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.DoseComputation", "Seg.GraphBasedSegmentation", "Seg.CenterlineExtraction",
                                            "Seg.HistogramIntensityClustering", "Seg.IntensityClustering", "Seg.LabelToMesh",
                                            "Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed",
                                            "Seg.Labeling",
                                            "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
                                            "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours",
-                                           "Seg.ConvolutionalCRF"}));
+                                           "Seg.SkinSegmentation", "Seg.ConvolutionalCRF"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {
