@@ -16,6 +16,7 @@
 #include <mutex>
 #include <set>
 #include <sstream>
+#include <vector>
 
 #include "InputChecks.h"
 #include "LabelDataComponent.h"
@@ -203,18 +204,68 @@ bool inflateBytes(const char* data, size_t size, std::string& out, size_t expect
   return true;
 }
 
+// Whole volumes are compressed in independent pieces on all cores, at zlib's fastest level:
+// each piece is a raw deflate stream ended by a sync flush (the last one by the final block),
+// so that their concatenation is one valid stream, and the checksums of the pieces are
+// combined. A 256^3 float volume took about 3 s at level 6 on one core; measurement data
+// compresses little better at the slower levels. The bytes do not depend on the thread count.
 bool deflateBytes(const void* data, size_t size, std::string& out, bool gzipHeader) {
-  z_stream zs{};
-  if (deflateInit2(&zs, 6, Z_DEFLATED, gzipHeader ? 15 + 16 : 15, 8, Z_DEFAULT_STRATEGY) != Z_OK) return false;
-  out.resize(deflateBound(&zs, static_cast<uLong>(size)) + 64);
-  zs.next_in = reinterpret_cast<Bytef*>(const_cast<void*>(data));
-  zs.avail_in = static_cast<uInt>(size);
-  zs.next_out = reinterpret_cast<Bytef*>(out.data());
-  zs.avail_out = static_cast<uInt>(out.size());
-  const int rc = deflate(&zs, Z_FINISH);
-  out.resize(zs.total_out);
-  deflateEnd(&zs);
-  return rc == Z_STREAM_END;
+  constexpr size_t kPiece = size_t(4) << 20;
+  const size_t pieces = std::max<size_t>(1, (size + kPiece - 1) / kPiece);
+  const auto* bytes = static_cast<const Bytef*>(data);
+  std::vector<std::string> parts(pieces);
+  std::vector<uLong> sums(pieces);
+  std::atomic<bool> ok{true};
+#pragma omp parallel for schedule(dynamic, 1) if (pieces > 1)
+  for (size_t k = 0; k < pieces; ++k) {
+    const size_t begin = k * kPiece, length = std::min(kPiece, size - std::min(size, begin));
+    z_stream zs{};
+    if (deflateInit2(&zs, Z_BEST_SPEED, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+      ok = false;
+      continue;
+    }
+    std::string& part = parts[k];
+    part.resize(deflateBound(&zs, static_cast<uLong>(length)) + 16);
+    zs.next_in = const_cast<Bytef*>(bytes + begin);
+    zs.avail_in = static_cast<uInt>(length);
+    zs.next_out = reinterpret_cast<Bytef*>(part.data());
+    zs.avail_out = static_cast<uInt>(part.size());
+    const bool last = k + 1 == pieces;
+    const int rc = deflate(&zs, last ? Z_FINISH : Z_SYNC_FLUSH);
+    if (last ? rc != Z_STREAM_END : (rc != Z_OK || zs.avail_in != 0)) ok = false;
+    part.resize(zs.total_out);
+    deflateEnd(&zs);
+    sums[k] = gzipHeader ? crc32(crc32(0L, Z_NULL, 0), bytes + begin, static_cast<uInt>(length))
+                         : adler32(adler32(0L, Z_NULL, 0), bytes + begin, static_cast<uInt>(length));
+  }
+  if (!ok) return false;
+  uLong sum = gzipHeader ? crc32(0L, Z_NULL, 0) : adler32(0L, Z_NULL, 0);
+  for (size_t k = 0; k < pieces; ++k) {
+    const auto length = static_cast<z_off_t>(std::min(kPiece, size - std::min(size, k * kPiece)));
+    sum = gzipHeader ? crc32_combine(sum, sums[k], length) : adler32_combine(sum, sums[k], length);
+  }
+  size_t total = 0;
+  for (const auto& p : parts) total += p.size();
+  out.clear();
+  out.reserve(total + 18);
+  if (gzipHeader)
+    out.append("\x1f\x8b\x08\x00\x00\x00\x00\x00\x04\x03", 10);  // deflate, no name or time, fastest, Unix
+  else
+    out.append("\x78\x01", 2);  // deflate with a 32 KiB window, fastest level
+  for (auto& p : parts) {
+    out += p;
+    p = {};
+  }
+  auto put = [&](uint32_t v, bool bigEndian) {
+    for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((v >> (bigEndian ? 24 - 8 * i : 8 * i)) & 0xff));
+  };
+  if (gzipHeader) {
+    put(static_cast<uint32_t>(sum), false);
+    put(static_cast<uint32_t>(size & 0xffffffffu), false);
+  } else {
+    put(static_cast<uint32_t>(sum), true);
+  }
+  return true;
 }
 
 void swapBytes(void* data, size_t count, int elementSize) {
