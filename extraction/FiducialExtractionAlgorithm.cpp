@@ -689,7 +689,7 @@ OwningDataList FiducialExtractionAlgorithm::takeOutput() {
   OwningDataList out;
   std::vector<Eigen::Vector3d> centres;
   std::vector<double> radii;
-  for (const Fiducial& f : fiducials_) {
+  for (const Fiducial& f : FiducialFile::sortedWithoutOverlaps(fiducials_)) {
     centres.push_back(f.centre);
     radii.push_back(f.radius);
   }

@@ -42,7 +42,8 @@ class FiducialExtractionAlgorithm : public Algorithm {
   static bool createCompatible(const DataList& data, Algorithm** out = nullptr);
 
   void compute() override;
-  // The fiducial centres as the point set "Fiducials", their radii beside them.
+  // The fiducial centres as the point set "Fiducials", their radii beside them, in the
+  // order the panel shows them: by z, descending, with overlapping neighbours thinned out.
   OwningDataList takeOutput() override;
 
   // Safe from another thread; holds until the next compute().

@@ -1,5 +1,7 @@
 #include "FiducialFile.h"
 
+#include <Eigen/Core>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -61,6 +63,18 @@ std::vector<Fiducial> parse(const std::string& text, double defaultRadius) {
     out.push_back(f);
   }
   return out;
+}
+
+std::vector<Fiducial> sortedWithoutOverlaps(std::vector<Fiducial> fiducials) {
+  std::stable_sort(fiducials.begin(), fiducials.end(),
+                   [](const Fiducial& a, const Fiducial& b) { return a.centre[2] > b.centre[2]; });
+  std::vector<Fiducial> kept;
+  for (size_t i = 0; i < fiducials.size(); ++i) {
+    if (i > 0 && fiducials[i].radius + fiducials[i - 1].radius > (fiducials[i].centre - fiducials[i - 1].centre).norm())
+      continue;
+    kept.push_back(fiducials[i]);
+  }
+  return kept;
 }
 
 bool read(const std::string& path, double defaultRadius, std::vector<Fiducial>& fiducials, std::string* error) {

@@ -40,6 +40,12 @@ bool read(const std::string& path, double defaultRadius, std::vector<Fiducial>& 
 // The same on text already in memory.
 std::vector<Fiducial> parse(const std::string& text, double defaultRadius);
 
+// The list as the fiducial panel keeps it: sorted by centre z, descending (stable), and
+// without any fiducial that overlaps its predecessor in that order (the sum of the two radii
+// exceeds the distance of the centres). The predecessor counts whether it was kept or not,
+// so only neighbours in z order are compared.
+std::vector<Fiducial> sortedWithoutOverlaps(std::vector<Fiducial> fiducials);
+
 }  // namespace FiducialFile
 
 }  // namespace Merivane

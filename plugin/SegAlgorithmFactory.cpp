@@ -4,12 +4,14 @@
 #include "GraphBasedSegmentation.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
+#include "FiducialExtractionAlgorithm.h"
 #include "InteractiveSegmentationAlgorithm.h"
 #include "InteractiveSegmentationWatershedAlgorithm.h"
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
 #include "LabelingAlgorithm.h"
+#include "LineToIsosurfaceIntersectionAlgorithm.h"
 #include "LabelToMeshAlgorithm.h"
 #include "MakeCompatibleLabelMapAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
@@ -21,6 +23,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   // Rows in table order; a row stands here once its class exists.
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<CenterlineExtractionAlgorithm>("CenterlineExtraction", "Segmentation;Centerline Extraction");
+  registerAlgorithm<FiducialExtractionAlgorithm>("FiducialExtraction", "Segmentation;Fiducial Extraction");
   registerAlgorithm<LabelToMeshAlgorithm>("LabelToMesh", "Segmentation;Extract Mesh");
   registerAlgorithm<InteractiveSegmentationAlgorithm>("InteractiveSegmentation", "Segmentation;Interactive Segmentation");
   registerAlgorithm<InteractiveSegmentationWatershedAlgorithm>("InteractiveSegmentationWatershed",
@@ -32,6 +35,8 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<MarkAsLabelMapAlgorithm>("MarkAsLabelMap", "Segmentation;Mark as Label Map");
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
   registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
+  registerAlgorithm<LineToIsosurfaceIntersectionAlgorithm>("LineToIsosurfaceIntersection",
+                                                           "Segmentation;Line To Isosurface Intersection");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
 
   // The plug-in's one data component, restored by id when label maps are loaded.

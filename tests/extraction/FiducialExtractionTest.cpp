@@ -381,6 +381,19 @@ TEST(FiducialExtraction, OutputIsThePointSetWithRadii) {
   EXPECT_EQ(radii->radii, std::vector<double>(3, 3.0));
 }
 
+TEST(FiducialList, SortedByZWithTouchingNeighboursThinned) {
+  const std::vector<Fiducial> in = {{Vec3d(0, 0, 1), 1.0},   // overlaps (0, 0, 2), its predecessor
+                                    {Vec3d(0, 0, 2), 1.0},
+                                    {Vec3d(0, 0, 10), 1.0},
+                                    {Vec3d(0, 0, 4.5), 1.0},  // 2.5 from (0, 0, 2): kept
+                                    {Vec3d(0, 0, 0.5), 0.1}};  // touches (0, 0, 1), which was dropped
+  const auto out = FiducialFile::sortedWithoutOverlaps(in);
+  ASSERT_EQ(out.size(), 3u);
+  EXPECT_EQ(out[0].centre[2], 10.0);
+  EXPECT_EQ(out[1].centre[2], 4.5);
+  EXPECT_EQ(out[2].centre[2], 2.0);
+}
+
 class FiducialFileTest : public testing::Test {
  protected:
   void SetUp() override {

@@ -127,12 +127,14 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->isCompatible(DataList{})) << d->id;
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.CenterlineExtraction", "Seg.LabelToMesh",
+  EXPECT_EQ(ids, (std::vector<std::string>{"Seg.GraphBasedSegmentation", "Seg.CenterlineExtraction",
+                                           "Seg.FiducialExtraction", "Seg.LabelToMesh",
                                            "Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed",
                                            "Seg.Labeling",
                                            "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
-                                           "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours"}));
+                                           "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer",
+                                           "Seg.LineToIsosurfaceIntersection", "Seg.LabelMapToContours"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {
