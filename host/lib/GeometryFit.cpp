@@ -21,15 +21,15 @@ double sumOfSquares(const std::vector<Vec<N>>& points, const Vec<N>& c, double r
   return s;
 }
 
-// Damped Gauss-Newton on the geometric distances from (c, r); returns the final cost.
+// Gauss-Newton on the geometric distances from (c, r), each step halved until the cost
+// falls; returns the final cost.
 template <int N>
 double refine(const std::vector<Vec<N>>& points, Vec<N>& c, double& r, bool holdRadius, bool algebraicOnly) {
   const int n = static_cast<int>(points.size());
   double cost = sumOfSquares<N>(points, c, r);
   if (algebraicOnly || n < 2) return cost;
   constexpr int M = N + 1;
-  double lambda = 1e-3;
-  for (int it = 0; it < 50; ++it) {
+  for (int it = 0; it < 30; ++it) {
     Eigen::Matrix<double, M, M> jtj = Eigen::Matrix<double, M, M>::Zero();
     Eigen::Matrix<double, M, 1> jte = Eigen::Matrix<double, M, 1>::Zero();
     for (const auto& p : points) {
@@ -39,37 +39,36 @@ double refine(const std::vector<Vec<N>>& points, Vec<N>& c, double& r, bool hold
       // A point on the centre has no defined direction: it pulls on the radius only.
       j.template head<N>() = len > 1e-300 ? Vec<N>(-d / len) : Vec<N>::Zero();
       j(N) = -1.0;
-      const double e = len - r;
       jtj += j * j.transpose();
-      jte += j * e;
+      jte += j * (len - r);
     }
-    if (holdRadius) {
-      jtj.row(N).setZero();
-      jtj.col(N).setZero();
-      jtj(N, N) = 1.0;
-      jte(N) = 0.0;
-    }
-    bool improved = false;
     Eigen::Matrix<double, M, 1> step = Eigen::Matrix<double, M, 1>::Zero();
-    while (lambda < 1e12) {
-      Eigen::Matrix<double, M, M> damped = jtj;
-      damped.diagonal() += lambda * (jtj.diagonal().array() + 1e-12).matrix();
-      step = damped.ldlt().solve(-jte);
-      if (!step.allFinite()) break;
-      const Vec<N> c2 = c + step.template head<N>();
-      const double r2 = holdRadius ? r : r + step(N);
+    // A little damping keeps rank-deficient systems (all directions parallel) solvable.
+    if (holdRadius) {
+      Eigen::Matrix<double, N, N> a = jtj.template topLeftCorner<N, N>();
+      a.diagonal().array() += 1e-9 * (a.trace() + 1e-300);
+      step.template head<N>() = a.ldlt().solve(-jte.template head<N>());
+    } else {
+      jtj.diagonal().array() += 1e-9 * (jtj.trace() + 1e-300);
+      step = jtj.ldlt().solve(-jte);
+    }
+    if (!step.allFinite()) break;
+    double t = 1.0;
+    bool improved = false;
+    for (int k = 0; k < 12 && !improved; ++k, t *= 0.5) {
+      const Vec<N> c2 = c + t * step.template head<N>();
+      const double r2 = holdRadius ? r : r + t * step(N);
       const double cost2 = sumOfSquares<N>(points, c2, r2);
-      if (cost2 <= cost) {
+      if (cost2 < cost) {
+        const double gain = cost - cost2;
         c = c2;
         r = r2;
         cost = cost2;
-        lambda = std::max(lambda * 0.1, 1e-12);
         improved = true;
-        break;
+        if (gain <= 1e-15 * (1.0 + cost)) return cost;
       }
-      lambda *= 10.0;
     }
-    if (!improved || step.norm() < 1e-12 * (1.0 + c.norm() + std::abs(r))) break;
+    if (!improved || t * step.norm() < 1e-12 * (1.0 + c.norm() + std::abs(r))) break;
   }
   return cost;
 }
@@ -81,20 +80,29 @@ int fitHypersphere(const std::vector<Vec<N>>& points, Vec<N>& centre, double& ra
   if (n == 0) return 1;
   if (holdRadius && !(std::isfinite(radius) && radius >= 0.0)) return 2;
 
-  // Algebraic start: unknowns c (N) and k = r^2 - |c|^2.
-  Eigen::MatrixXd a(n, N + 1);
-  Eigen::VectorXd b(n);
+  // Algebraic start: unknowns c (N) and k = r^2 - |c|^2, in coordinates centred on the mean
+  // (which keeps the normal equations well conditioned far from the origin), solved with
+  // minimum norm through the eigen-decomposition of the normal matrix.
   Vec<N> mean = Vec<N>::Zero();
   for (const auto& p : points) mean += p;
   mean /= n;
-  // Centred coordinates keep the normal equations well conditioned far from the origin.
-  for (int i = 0; i < n; ++i) {
-    const Vec<N> q = points[static_cast<size_t>(i)] - mean;
-    a.row(i).head<N>() = 2.0 * q.transpose();
-    a(i, N) = 1.0;
-    b(i) = q.squaredNorm();
+  constexpr int M = N + 1;
+  Eigen::Matrix<double, M, M> ata = Eigen::Matrix<double, M, M>::Zero();
+  Eigen::Matrix<double, M, 1> atb = Eigen::Matrix<double, M, 1>::Zero();
+  for (const auto& p : points) {
+    const Vec<N> q = p - mean;
+    Eigen::Matrix<double, M, 1> row;
+    row << 2.0 * q, 1.0;
+    ata += row * row.transpose();
+    atb += row * q.squaredNorm();
   }
-  Eigen::VectorXd x = a.completeOrthogonalDecomposition().solve(b);
+  Eigen::SelfAdjointEigenSolver<Eigen::Matrix<double, M, M>> normal(ata);
+  Eigen::Matrix<double, M, 1> x = Eigen::Matrix<double, M, 1>::Zero();
+  const double largest = normal.eigenvalues()(M - 1);
+  for (int k = 0; k < M; ++k) {
+    const double l = normal.eigenvalues()(k);
+    if (l > 1e-12 * largest && l > 0.0) x += normal.eigenvectors().col(k) * (normal.eigenvectors().col(k).dot(atb) / l);
+  }
   Vec<N> c = mean + x.template head<N>();
   double r = 0.0;
   if (!c.allFinite()) c = mean;
@@ -110,16 +118,16 @@ int fitHypersphere(const std::vector<Vec<N>>& points, Vec<N>& centre, double& ra
     }
   }
 
-  // Geometric refinement (Levenberg-Marquardt on the distances). With a held radius, points
+  // Geometric refinement (Gauss-Newton on the distances). With a held radius, points
   // on a line (2D) or in a plane (3D) put the algebraic centre on a saddle of the cost: the
   // fit then also starts from one radius off the points' mean on either side of them.
   std::vector<Vec<N>> starts{c};
-  if (holdRadius && n >= 1) {
+  if (holdRadius) {
     Eigen::Matrix<double, N, N> cov = Eigen::Matrix<double, N, N>::Zero();
     for (const auto& p : points) cov += (p - mean) * (p - mean).transpose();
     Eigen::SelfAdjointEigenSolver<Eigen::Matrix<double, N, N>> eig(cov);
     const double spread = eig.eigenvalues()(N - 1);
-    if (n <= N + 1 || eig.eigenvalues()(0) <= 1e-6 * spread) {
+    if (eig.eigenvalues()(0) <= 1e-6 * spread) {
       const Vec<N> normal = eig.eigenvectors().col(0);
       starts.push_back(mean + r * normal);
       starts.push_back(mean - r * normal);
