@@ -1,5 +1,6 @@
 // Hessian tubularity at four scales, fast marching over a whole volume, the skin of a body
-// phantom, and the dose's five kernel convolutions.
+// phantom, the dose's five kernel convolutions, and fiducial extraction in a CT-like volume
+// with spherical markers.
 //
 //   ExtractionBench [benchmark flags]           the timed cases, sizes swept
 //   ExtractionBench --march-raw=DIR --size=N    marches DIR/speed.raw (N^3 float32, x fastest)
@@ -16,10 +17,12 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "FftConvolution.h"
+#include "FiducialExtractionAlgorithm.h"
 #include "HessianAnalysis.h"
 #include "LevelSet.h"
 #include "SharedImageSet.h"
@@ -60,6 +63,51 @@ std::vector<float> speedPhantom(int n) {
         s[i++] = static_cast<float>(0.6 + 0.4 * std::sin(0.11 * x) * std::cos(0.07 * y + 0.05 * z));
   return s;
 }
+
+// An n x n x (n * 300 / 512) U16 volume of 0.5 mm voxels: an elliptic body of 1000 with
+// Gaussian noise (sigma 15) in air stored as 0, and 20 * n / 512 (at least 2) bright balls of
+// 6 mm (3000) inside the body at fixed random positions.
+std::unique_ptr<SharedImageSet> markerPhantom(int n) {
+  const int slices = std::max(16, n * 300 / 512);
+  auto img = TypedImage<unsigned short>::zeros(Eigen::Vector3i(n, n, slices));
+  std::mt19937 rng(7);
+  std::normal_distribution<double> noise(0.0, 15.0);
+  const double c = 0.5 * n, ax = 0.42 * n, ay = 0.32 * n;
+  for (int z = 0; z < slices; ++z)
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x) {
+        const double e = std::pow((x - c) / ax, 2) + std::pow((y - c) / ay, 2);
+        if (e <= 1.0) img->setValue(static_cast<unsigned short>(std::clamp(1000.0 + noise(rng), 1.0, 65535.0)), x, y, z);
+      }
+  const int markers = std::max(2, 20 * n / 512);
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+  const double r = 6.0;  // voxels
+  for (int m = 0; m < markers; ++m) {
+    const double a = 2 * M_PI * unit(rng), t = 0.75 * std::sqrt(unit(rng));
+    const Eigen::Vector3d centre(c + (ax - 2 * r) * t * std::cos(a), c + (ay - 2 * r) * t * std::sin(a),
+                                 r + 2 + (slices - 2 * r - 4) * unit(rng));
+    for (int z = std::max(0, int(centre[2] - r - 1)); z <= std::min(slices - 1, int(centre[2] + r + 1)); ++z)
+      for (int y = int(centre[1] - r - 1); y <= int(centre[1] + r + 1); ++y)
+        for (int x = int(centre[0] - r - 1); x <= int(centre[0] + r + 1); ++x)
+          if ((Eigen::Vector3d(x, y, z) - centre).norm() <= r) img->setValue(3000, x, y, z);
+  }
+  img->setSpacing(Eigen::Vector3d::Constant(0.5));
+  return std::make_unique<SharedImageSet>(std::shared_ptr<Image>(std::move(img)));
+}
+
+void BM_FiducialExtraction(benchmark::State& state) {
+  auto volume = markerPhantom(static_cast<int>(state.range(0)));
+  size_t found = 0;
+  for (auto _ : state) {
+    FiducialExtractionAlgorithm algorithm(volume->get(0), FiducialExtractionAlgorithm::Mode3D);
+    algorithm.compute();
+    found = algorithm.fiducials().size();
+    benchmark::DoNotOptimize(found);
+  }
+  state.counters["fiducials"] = static_cast<double>(found);
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(volume->mem(0)->descriptor().pixelCount()));
+}
+BENCHMARK(BM_FiducialExtraction)->Arg(128)->Arg(512)->Unit(benchmark::kMillisecond);
 
 void BM_HessianTubularityFourScales(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));

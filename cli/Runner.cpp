@@ -7,6 +7,7 @@
 
 #include "Algorithm.h"
 #include "FactoryRegistry.h"
+#include "FiducialFile.h"
 #include "ImageIO.h"
 #include "InputChecks.h"
 #include "LabelDataComponent.h"
@@ -126,6 +127,17 @@ bool writeData(const Data& d, const fs::path& base, const RunOptions& options, c
     return true;
   }
   if (d.kind() == Data::kindPointSet) {
+    const auto& points = static_cast<const PointSet&>(d);
+    // Fiducials go to the fiducial text file, each centre followed by its radius.
+    if (const auto* radii = points.components().get<FiducialRadiiComponent>()) {
+      std::vector<FiducialFile::Fiducial> fiducials;
+      for (size_t i = 0; i < points.points().size(); ++i)
+        fiducials.push_back({points.points()[i], i < radii->radii.size() ? radii->radii[i] : 0.0});
+      const std::string path = base.string() + ".txt";
+      if (!FiducialFile::write(path, fiducials, true, &error)) return false;
+      written.push_back(path);
+      return true;
+    }
     const std::string path = base.string() + ".csv";
     if (!IO::writePointSet(static_cast<const PointSet&>(d), path, &error)) return false;
     written.push_back(path);

@@ -7,6 +7,7 @@
 #include "HistogramIntensityClusteringAlgorithm.h"
 #include "ContoursStorageComponent.h"
 #include "DataComponent.h"
+#include "FiducialExtractionAlgorithm.h"
 #include "IntensityClusteringAlgorithm.h"
 #include "InteractiveSegmentationAlgorithm.h"
 #include "InteractiveSegmentationWatershedAlgorithm.h"
@@ -14,6 +15,7 @@
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
 #include "LabelingAlgorithm.h"
+#include "LineToIsosurfaceIntersectionAlgorithm.h"
 #include "LabelToMeshAlgorithm.h"
 #include "MakeCompatibleLabelMapAlgorithm.h"
 #include "MarkAsLabelMapAlgorithm.h"
@@ -28,6 +30,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
                                               AlgorithmFactory::Descriptor::RequiresHost);
   registerAlgorithm<GraphBasedSegmentation>("GraphBasedSegmentation", "Segmentation;Graph-based Segmentation");
   registerAlgorithm<CenterlineExtractionAlgorithm>("CenterlineExtraction", "Segmentation;Centerline Extraction");
+  registerAlgorithm<FiducialExtractionAlgorithm>("FiducialExtraction", "Segmentation;Fiducial Extraction");
   registerAlgorithm<HistogramIntensityClusteringAlgorithm>("HistogramIntensityClustering",
                                                          "Segmentation;Intensity Clustering (Histogram)");
   registerAlgorithm<IntensityClusteringAlgorithm>("IntensityClustering", "Segmentation;Intensity Clustering");
@@ -42,6 +45,8 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<MarkAsLabelMapAlgorithm>("MarkAsLabelMap", "Segmentation;Mark as Label Map");
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
   registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
+  registerAlgorithm<LineToIsosurfaceIntersectionAlgorithm>("LineToIsosurfaceIntersection",
+                                                           "Segmentation;Line To Isosurface Intersection");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
   registerAlgorithm<SkinSegmentationAlgorithm>("SkinSegmentation", "Segmentation;Extract Skin Surface");
   registerAlgorithm<ConvolutionalCRFAlgorithm>("ConvolutionalCRF", "Segmentation;Convolutional CRF");

@@ -5,6 +5,7 @@
 #include <Eigen/Geometry>
 #include <cmath>
 #include <cstdlib>
+#include <sstream>
 
 #include "../io/IoTestUtil.h"
 #include "CsvIO.h"
@@ -207,6 +208,46 @@ TEST(MerivaneCli, CenterlineFromPointsInCsvFollowsTheTubeInWorldCoordinates) {
                                       " --set \"Scales=1 2\" --out " + dir.file("out2"));
   ASSERT_EQ(h.code, 0) << h.err;
   EXPECT_NE(h.out.find("Tubularity.nrrd"), std::string::npos);
+}
+
+TEST(MerivaneCli, FiducialsAreWrittenAsTextAndTheSurfacePointAsCsv) {
+  TestKit::ScratchDir dir;
+  // One bright ball of diameter 6 mm (12 voxels) round voxel (20.5, 19.5, 20) in 0.5 mm voxels.
+  auto ball = TestKit::makeImage<unsigned short>({40, 40, 40}, [](int x, int y, int z) {
+    return (Eigen::Vector3d(x, y, z) - Eigen::Vector3d(20.5, 19.5, 20)).norm() <= 6.0 ? 3000 : 1000;
+  });
+  ball->get(0)->setSpacing(Eigen::Vector3d::Constant(0.5));
+  std::string error;
+  ASSERT_TRUE(IO::writeImage(*ball, dir.file("ball.nrrd"), &error)) << error;
+  const Outcome r = merivane(dir, "--quiet run FiducialExtraction --in " + dir.file("ball.nrrd") + " --set minCoverage=0.5 --out " +
+                                      dir.file("out"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  const std::string written = TestKit::readBytes(dir.file("out/Fiducials.txt"));
+  std::istringstream text(written);
+  Eigen::Vector3d centre;
+  double radius = 0.0;
+  ASSERT_TRUE(text >> centre[0] >> centre[1] >> centre[2] >> radius);
+  EXPECT_LE((ball->get(0)->worldToPixel(centre) - Eigen::Vector3d(20.5, 19.5, 20)).norm(), 0.1);
+  EXPECT_EQ(radius, 3.0);
+  EXPECT_FALSE(text >> centre[0]) << written;
+
+  // Tissue up to x = 11, air beyond, walked along x from a line given as two points.
+  auto ct = TestKit::makeImage<short>({24, 8, 8}, [](int x, int, int) { return x < 12 ? 0 : -1000; });
+  ct->setModality(Data::CT);
+  ct->get(0)->setMatrix(obliqueMatrix());
+  ASSERT_TRUE(IO::writeImage(*ct, dir.file("ct.nrrd"), &error)) << error;
+  const Eigen::Vector3d a = ct->get(0)->pixelToWorld({2, 4, 4}), b = ct->get(0)->pixelToWorld({22, 4, 4});
+  ASSERT_TRUE(IO::writeCsvFile(dir.file("ray.csv"), {"x", "y", "z"},
+                               {{std::to_string(a[0]), std::to_string(a[1]), std::to_string(a[2])},
+                                {std::to_string(b[0]), std::to_string(b[1]), std::to_string(b[2])}}));
+  const Outcome line = merivane(dir, "--quiet run LineToIsosurfaceIntersection --in " + dir.file("ct.nrrd") + " --in " +
+                                         dir.file("ray.csv") + " --set threshold=-500 --out " + dir.file("out2"));
+  ASSERT_EQ(line.code, 0) << line.err;
+  std::vector<IO::CsvRow> rows;
+  ASSERT_TRUE(IO::parseCsv(TestKit::readBytes(dir.file("out2/Intersection.csv")), rows));
+  ASSERT_EQ(rows.size(), 2u);
+  const Eigen::Vector3d p(std::stod(rows[1][0]), std::stod(rows[1][1]), std::stod(rows[1][2]));
+  EXPECT_LE((ct->get(0)->worldToPixel(p) - Eigen::Vector3d(11, 4, 4)).norm(), 1e-4);
 }
 
 TEST(MerivaneCli, ContoursAreWrittenInThePropertiesTextBesideTheirLabelMap) {

@@ -128,12 +128,14 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
     EXPECT_FALSE(d->create(DataList{})) << d->id;
   }
   EXPECT_EQ(ids, (std::vector<std::string>{"Seg.DoseComputation", "Seg.GraphBasedSegmentation", "Seg.CenterlineExtraction",
-                                           "Seg.HistogramIntensityClustering", "Seg.IntensityClustering", "Seg.LabelToMesh",
+                                           "Seg.FiducialExtraction", "Seg.HistogramIntensityClustering",
+                                           "Seg.IntensityClustering", "Seg.LabelToMesh",
                                            "Seg.InteractiveSegmentation", "Seg.InteractiveSegmentationWatershed",
                                            "Seg.Labeling",
                                            "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
-                                           "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours",
+                                           "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer",
+                                           "Seg.LineToIsosurfaceIntersection", "Seg.LabelMapToContours",
                                            "Seg.SkinSegmentation", "Seg.ConvolutionalCRF"}));
 }
 
