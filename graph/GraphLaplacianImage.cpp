@@ -140,6 +140,17 @@ void GraphLaplacianImage::generateGraph3D(SharedImage* image) {
   const MemImage& mem = *image->mem();
   if (prepareNodeCount(mem) >= kMaxNodes) return;
   const int W = mem.width(), H = mem.height(), D = mem.slices();
+  // The matrix indexes its entries with 32-bit integers: a grid of more than about 306 million
+  // voxels has more entries than that, and is refused before anything overflows.
+  const int64_t entries = int64_t(W) * H * D + 2 * (int64_t(W - 1) * H * D + int64_t(W) * (H - 1) * D +
+                                                     int64_t(W) * H * (D - 1));
+  if (entries > int64_t(std::numeric_limits<int>::max())) {
+    LOG_ERROR(kCategory, "An image of " << W << " x " << H << " x " << D << " voxels needs " << entries
+                                        << " matrix entries, more than the 32-bit indices can hold");
+    laplacian_.resize(0, 0);
+    laplacian_.data().squeeze();
+    return;
+  }
   dispatchPixelType(mem.type(), [&](auto tag) {
     using T = decltype(tag);
     auto* typed = dynamic_cast<const TypedImage<T>*>(&mem);

@@ -445,3 +445,17 @@ TEST(GraphLaplacianAlgorithm, AKeptSolutionMakesTheNextComputeSolveItsFinestLeve
   a->compute();
   EXPECT_FALSE(a->lastComputeWarmStarted());
 }
+
+// A grid whose Laplacian has more entries than 32-bit indices hold (about 306 million voxels
+// and up) is refused with one error line before anything is built; the pixels are never read,
+// so the untouched zero pages of this 314 MB image cost no memory.
+TEST(GraphLaplacianImage, GridTooLargeForTheMatrixIndicesIsRefused) {
+  auto huge = TypedImage<unsigned char>::zeros(Eigen::Vector3i(700, 700, 640), 1);
+  SharedImage image(std::shared_ptr<Image>(std::move(huge)));
+  GraphLaplacianImage g;
+  TestKit::LogCapture log;
+  g.generateGraph3D(&image);
+  EXPECT_EQ(g.laplacian().rows(), 0);
+  EXPECT_EQ(log.count(Log::Error), 1);
+  EXPECT_TRUE(log.contains("more than the 32-bit indices can hold"));
+}
