@@ -10,6 +10,7 @@
 #include "IntensityClusteringAlgorithm.h"
 #include "InteractiveSegmentationAlgorithm.h"
 #include "InteractiveSegmentationWatershedAlgorithm.h"
+#include "LabelMapInterpolationAlgorithm.h"
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
@@ -43,6 +44,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<WatershedSegmentationAlgorithm>("WatershedSegmentation", "Segmentation;Watershed Segmentation");
   registerAlgorithm<LabelMapIsolineRenderer>("LabelMapIsolineRenderer", "Visualization;Show Label Map as Isolines");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
+  registerAlgorithm<LabelMapInterpolationAlgorithm>("LabelMapInterpolation", "Segmentation;Segmentation Interpolation");
   registerAlgorithm<SkinSegmentationAlgorithm>("SkinSegmentation", "Segmentation;Extract Skin Surface");
   registerAlgorithm<ConvolutionalCRFAlgorithm>("ConvolutionalCRF", "Segmentation;Convolutional CRF");
 

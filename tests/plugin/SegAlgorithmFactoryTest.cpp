@@ -134,7 +134,7 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
                                            "Seg.LabelStatistics",
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
                                            "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer", "Seg.LabelMapToContours",
-                                           "Seg.SkinSegmentation", "Seg.ConvolutionalCRF"}));
+                                           "Seg.LabelMapInterpolation", "Seg.SkinSegmentation", "Seg.ConvolutionalCRF"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {
