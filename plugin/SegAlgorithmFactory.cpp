@@ -11,6 +11,7 @@
 #include "IntensityClusteringAlgorithm.h"
 #include "InteractiveSegmentationAlgorithm.h"
 #include "InteractiveSegmentationWatershedAlgorithm.h"
+#include "LabelMapInterpolationAlgorithm.h"
 #include "LabelMapIsolineRenderer.h"
 #include "LabelMapToContoursAlgorithm.h"
 #include "LabelStatisticsAlgorithm.h"
@@ -48,6 +49,7 @@ SegAlgorithmFactory::SegAlgorithmFactory() : AlgorithmFactory("Seg", true) {
   registerAlgorithm<LineToIsosurfaceIntersectionAlgorithm>("LineToIsosurfaceIntersection",
                                                            "Segmentation;Line To Isosurface Intersection");
   registerAlgorithm<LabelMapToContoursAlgorithm>("LabelMapToContours", "Segmentation;Label Map To Contours");
+  registerAlgorithm<LabelMapInterpolationAlgorithm>("LabelMapInterpolation", "Segmentation;Segmentation Interpolation");
   registerAlgorithm<SkinSegmentationAlgorithm>("SkinSegmentation", "Segmentation;Extract Skin Surface");
   registerAlgorithm<ConvolutionalCRFAlgorithm>("ConvolutionalCRF", "Segmentation;Convolutional CRF");
 

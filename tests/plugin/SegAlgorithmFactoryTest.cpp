@@ -136,7 +136,7 @@ TEST(SegAlgorithmFactory, RowsKeepTableOrderAndRefuseAnEmptyList) {
                                            "Seg.MakeCompatibleLabelMap", "Seg.MarkAsLabelMap",
                                            "Seg.WatershedSegmentation", "Seg.LabelMapIsolineRenderer",
                                            "Seg.LineToIsosurfaceIntersection", "Seg.LabelMapToContours",
-                                           "Seg.SkinSegmentation", "Seg.ConvolutionalCRF"}));
+                                           "Seg.LabelMapInterpolation", "Seg.SkinSegmentation", "Seg.ConvolutionalCRF"}));
 }
 
 TEST(SegPlugin, CreatedAndDeletedWithoutInitTouchesNothing) {
