@@ -179,45 +179,82 @@ Result compute(const MemImage& image, const Settings& settings) {
     }
 
     // Assignment, decided per pixel: the nearest centre whose window holds the pixel; failing
-    // that the nearest of the neighbouring cells; failing that the label stays.
-#pragma omp parallel for schedule(static)
-    for (int64_t r = 0; r < R; ++r) {
-      const int y = static_cast<int>(r % H), z = static_cast<int>(r / H);
-      const int cy = g.cellOf(1, y), cz = g.cellOf(2, z);
-      const int y0 = std::max(cy - 1, 0), y1 = std::min(cy + 1, g.n[1] - 1);
-      const int z0 = std::max(cz - 1, 0), z1 = std::min(cz + 1, g.n[2] - 1);
-      for (int x = 0; x < W; ++x) {
-        const int64_t i = r * W + x;
-        const float* f = &F[static_cast<size_t>(i * C)];
-        const int cx = cellX[static_cast<size_t>(x)];
-        const int x0 = std::max(cx - 1, 0), x1 = std::min(cx + 1, g.n[0] - 1);
-        double bestIn = std::numeric_limits<double>::infinity(), bestAny = bestIn;
-        int kIn = -1, kAny = -1;
-        for (int zz = z0; zz <= z1; ++zz)
-          for (int yy = y0; yy <= y1; ++yy)
-            for (int xx = x0; xx <= x1; ++xx) {
+    // that the nearest of the neighbouring cells; failing that the label stays. Per row, the
+    // centres whose window holds the row are gathered first, by the x cell they lie in.
+#pragma omp parallel
+    {
+      struct Candidate {
+        int k;
+        double x;   // centre's x in pixels
+        double yz;  // squared offset along y and z, in grid steps
+      };
+      std::vector<Candidate> cand;
+      std::vector<int> candStart(static_cast<size_t>(g.n[0]) + 1);
+#pragma omp for schedule(static)
+      for (int64_t r = 0; r < R; ++r) {
+        const int y = static_cast<int>(r % H), z = static_cast<int>(r / H);
+        const int cy = g.cellOf(1, y), cz = g.cellOf(2, z);
+        const int y0 = std::max(cy - 1, 0), y1 = std::min(cy + 1, g.n[1] - 1);
+        const int z0 = std::max(cz - 1, 0), z1 = std::min(cz + 1, g.n[2] - 1);
+        cand.clear();
+        for (int xx = 0; xx < g.n[0]; ++xx) {
+          candStart[static_cast<size_t>(xx)] = static_cast<int>(cand.size());
+          for (int zz = z0; zz <= z1; ++zz)
+            for (int yy = y0; yy <= y1; ++yy) {
               const int cell = xx + g.n[0] * (yy + g.n[1] * zz);
               for (int m = cellStart[static_cast<size_t>(cell)]; m < cellStart[static_cast<size_t>(cell) + 1]; ++m) {
                 const int k = cellCenters[static_cast<size_t>(m)];
                 const double* p = &centers.pos[static_cast<size_t>(k) * 3];
-                const double ex = x - p[0], ey = y - p[1], ez = z - p[2];
-                const double sx = ex / g.step[0], sy = ey / g.step[1], sz = ez / g.step[2];
-                double dc = 0.0;
-                const double* cf = &centers.feat[static_cast<size_t>(k) * C];
-                for (int c = 0; c < C; ++c) {
-                  const double e = f[c] - cf[c];
-                  dc += e * e;
-                }
-                const double d = sx * sx + sy * sy + sz * sz + w2 * dc;
-                const bool inside = std::fabs(sx) <= 1.0 && std::fabs(sy) <= 1.0 && std::fabs(sz) <= 1.0;
-                if (inside && (d < bestIn || (d == bestIn && k < kIn))) bestIn = d, kIn = k;
-                if (d < bestAny || (d == bestAny && k < kAny)) bestAny = d, kAny = k;
+                const double sy = (y - p[1]) / g.step[1], sz = (z - p[2]) / g.step[2];
+                if (std::fabs(sy) > 1.0 || std::fabs(sz) > 1.0) continue;
+                cand.push_back({k, p[0], sy * sy + sz * sz});
               }
             }
-        if (kIn >= 0)
-          label[i] = kIn;
-        else if (kAny >= 0)
-          label[i] = kAny;
+        }
+        candStart[static_cast<size_t>(g.n[0])] = static_cast<int>(cand.size());
+        for (int x = 0; x < W; ++x) {
+          const int64_t i = r * W + x;
+          const float* f = &F[static_cast<size_t>(i * C)];
+          const int cx = cellX[static_cast<size_t>(x)];
+          const int x0 = std::max(cx - 1, 0), x1 = std::min(cx + 1, g.n[0] - 1);
+          double best = std::numeric_limits<double>::infinity();
+          int kBest = -1;
+          for (int m = candStart[static_cast<size_t>(x0)]; m < candStart[static_cast<size_t>(x1) + 1]; ++m) {
+            const Candidate& c = cand[static_cast<size_t>(m)];
+            const double sx = (x - c.x) / g.step[0];
+            if (std::fabs(sx) > 1.0) continue;
+            double dc = 0.0;
+            const double* cf = &centers.feat[static_cast<size_t>(c.k) * C];
+            for (int ch = 0; ch < C; ++ch) {
+              const double e = f[ch] - cf[ch];
+              dc += e * e;
+            }
+            const double d = sx * sx + c.yz + w2 * dc;
+            if (d < best || (d == best && c.k < kBest)) best = d, kBest = c.k;
+          }
+          if (kBest < 0) {
+            // No window holds the pixel: the nearest centre of the neighbouring cells.
+            for (int zz = z0; zz <= z1; ++zz)
+              for (int yy = y0; yy <= y1; ++yy)
+                for (int xx = x0; xx <= x1; ++xx) {
+                  const int cell = xx + g.n[0] * (yy + g.n[1] * zz);
+                  for (int m = cellStart[static_cast<size_t>(cell)]; m < cellStart[static_cast<size_t>(cell) + 1]; ++m) {
+                    const int k = cellCenters[static_cast<size_t>(m)];
+                    const double* p = &centers.pos[static_cast<size_t>(k) * 3];
+                    const double sx = (x - p[0]) / g.step[0], sy = (y - p[1]) / g.step[1], sz = (z - p[2]) / g.step[2];
+                    double dc = 0.0;
+                    const double* cf = &centers.feat[static_cast<size_t>(k) * C];
+                    for (int ch = 0; ch < C; ++ch) {
+                      const double e = f[ch] - cf[ch];
+                      dc += e * e;
+                    }
+                    const double d = sx * sx + sy * sy + sz * sz + w2 * dc;
+                    if (d < best || (d == best && k < kBest)) best = d, kBest = k;
+                  }
+                }
+          }
+          if (kBest >= 0) label[i] = kBest;
+        }
       }
     }
     if (round + 1 == rounds) break;
