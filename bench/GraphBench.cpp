@@ -1,16 +1,22 @@
 // Graph build and solve per solver id on noisy two-region phantoms (2D 512x512, 3D 64^3 and
 // 128^3) with two seed blobs. Reports iterations, final residual and peak memory as counters.
+// Superpixels of a volume, and the driver's random walk on the pixel graph against the
+// superpixel graph of the same volume (time, and the Dice of the two results).
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
+#include <map>
+#include <vector>
 
 #include "BenchSupport.h"
 #include "GraphBasedSegmentation.h"
 #include "GraphLaplacianAlgorithm.h"
 #include "GraphLaplacianImage.h"
+#include "GraphLaplacianSuperpixels.h"
 #include "Log.h"
 #include "Phantoms.h"
 #include "SharedImageSet.h"
+#include "SuperpixelsAlgorithm.h"
 
 using namespace Merivane;
 
@@ -89,7 +95,71 @@ void BM_GraphBasedSegmentation(benchmark::State& state) {
   state.counters["peakMiB"] = Bench::peakMemoryMiB() - baseline;
 }
 
+// Superpixels of the phantom volume alone, 5000 requested, default settings.
+void BM_Superpixels(benchmark::State& state) {
+  const int size = static_cast<int>(state.range(0));
+  Log::g_globalLevel = Log::Warning;
+  Bench::Phantom p = Bench::makePhantom(size, size);
+  size_t count = 0;
+  for (auto _ : state) {
+    Superpixels::Result r = Superpixels::compute(*p.image->mem(), {5000, 2.5, 5, false});
+    count = r.superpixels.size();
+    benchmark::DoNotOptimize(r.map.get());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * double(size) * size * size));
+  state.counters["superpixels"] = static_cast<double>(count);
+}
+
+// The whole random walk of the driver on one level, on the pixel graph (type 0) or on the
+// superpixel graph (type 1, 5000 superpixels), with the Dice of the superpixel result against
+// the pixel one when both are run at the same size (the pixel run comes first).
+void BM_RandomWalkGraphType(benchmark::State& state) {
+  const int size = static_cast<int>(state.range(0));
+  const int type = static_cast<int>(state.range(1));
+  Log::g_globalLevel = Log::Warning;
+  Bench::Phantom p = Bench::makePhantom(size, size);
+  static std::map<int, std::vector<unsigned char>> pixelResult;
+  std::vector<unsigned char> mask;
+  for (auto _ : state) {
+    GraphLaplacianAlgorithm a(*p.image, *p.seeds);
+    Properties props;
+    props.setParam("Verbose", false);
+    props.setParam("Graph Type", type);
+    props.setParam("Solver Iterations", 1000);
+    props.setParam("Solver Tolerance (Log)", -4);
+    props.setParam("Superpixels Number", 5000);
+    a.configure(&props);
+    a.compute();
+    auto out = a.takeOutput().extractFirstImage();
+    if (!out) {
+      state.SkipWithError("no result");
+      return;
+    }
+    const float* v = static_cast<const float*>(out->get(0)->mem()->data());
+    const size_t n = out->get(0)->descriptor().pixelCount();
+    mask.resize(n);
+    for (size_t i = 0; i < n; ++i) mask[i] = v[i] >= 0.5f;
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * double(size) * size * size));
+  if (type == 0) pixelResult[size] = mask;
+  if (type == 1 && pixelResult.count(size)) {
+    const auto& ref = pixelResult[size];
+    size_t both = 0, a = 0, b = 0;
+    for (size_t i = 0; i < mask.size(); ++i) {
+      both += mask[i] && ref[i];
+      a += mask[i];
+      b += ref[i];
+    }
+    state.counters["diceVsPixels"] = 2.0 * double(both) / double(a + b);
+  }
+}
+
 }  // namespace
+
+BENCHMARK(BM_Superpixels)->Arg(64)->Arg(256)->ArgName("size")->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_RandomWalkGraphType)
+    ->Args({64, 0})->Args({64, 1})->Args({256, 0})->Args({256, 1})
+    ->ArgNames({"size", "graphType"})->Unit(benchmark::kMillisecond)->Iterations(1);
 
 BENCHMARK(BM_GraphBasedSegmentation)->Arg(128)->Arg(256)->ArgName("size")->Unit(benchmark::kMillisecond)->Iterations(1);
 

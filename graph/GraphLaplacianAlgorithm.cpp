@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "GraphLaplacianImage.h"
+#include "GraphLaplacianSuperpixels.h"
 #include "ImageProcessing.h"
 #include "ImagePyramid.h"
 #include "LinearSolver.h"
@@ -23,13 +24,13 @@ constexpr const char* kCategory = "Seg.GraphLaplacianAlgorithm";
 using Clock = std::chrono::steady_clock;
 double msSince(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
 
-// Null for a type without a graph class here (the superpixel graphs) or outside the table.
+// Null for a type outside the table.
 std::unique_ptr<GraphLaplacian> createGraph(GraphType type) {
   switch (type) {
     case GraphType::Image: return std::make_unique<GraphLaplacianImage>();
     case GraphType::ImageAttenuation: return std::make_unique<GraphLaplacianImageAttenuation>();
-    case GraphType::Superpixels:
-    case GraphType::SuperpixelsAttenuation: return nullptr;
+    case GraphType::Superpixels: return std::make_unique<GraphLaplacianSuperpixels>();
+    case GraphType::SuperpixelsAttenuation: return std::make_unique<GraphLaplacianSuperpixelsAttenuation>();
   }
   return nullptr;
 }
@@ -38,8 +39,8 @@ bool hasClass(const GraphLaplacian& graph, GraphType type) {
   switch (type) {
     case GraphType::Image: return typeid(graph) == typeid(GraphLaplacianImage);
     case GraphType::ImageAttenuation: return typeid(graph) == typeid(GraphLaplacianImageAttenuation);
-    case GraphType::Superpixels:
-    case GraphType::SuperpixelsAttenuation: return false;
+    case GraphType::Superpixels: return typeid(graph) == typeid(GraphLaplacianSuperpixels);
+    case GraphType::SuperpixelsAttenuation: return typeid(graph) == typeid(GraphLaplacianSuperpixelsAttenuation);
   }
   return false;
 }
@@ -331,6 +332,12 @@ void GraphLaplacianAlgorithm::compute() {
     }
     step = Clock::now();
     graph_->generateGraph(*imagePyramid.level(level), *labelPyramid.level(level));
+    // A graph that could not be built (its superpixels failed) has said why; nothing to solve.
+    if (graph_->laplacian().rows() == 0) {
+      result_.reset();
+      setStatus(statusError);
+      return;
+    }
     if (verbose) LOG_INFO(kCategory, "[GraphSegmentation] 1) Generation of the graph: " << msSince(step) << " ms");
     // The coarser result, already propagated into this level, warm-starts the solve; or, on a
     // re-run, the kept solution of the last run at this level, node by node.
