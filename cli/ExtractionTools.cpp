@@ -3,7 +3,9 @@
 #include "AlgorithmFactory.h"
 #include "BrainVesselSegmentationAlgorithm.h"
 #include "FactoryRegistry.h"
+#include "GraphLaplacianAlgorithm.h"
 #include "HessianAnalysisAlgorithm.h"
+#include "MorphologicalInterpolationAlgorithm.h"
 
 namespace Merivane::Cli {
 
@@ -14,6 +16,11 @@ class ExtractionToolsFactory : public AlgorithmFactory {
   ExtractionToolsFactory() : AlgorithmFactory("Seg", true) {
     registerAlgorithm<HessianAnalysisAlgorithm>("HessianAnalysis", "Tools;Hessian Analysis");
     registerAlgorithm<BrainVesselSegmentationAlgorithm>("BrainVesselSegmentation", "Tools;Brain Vessel Segmentation");
+    // The random walk over the pyramid without the crop and outline of GraphBasedSegmentation:
+    // the way to its graph types (1 and 3 are the superpixel graphs) from the command line.
+    registerAlgorithm<GraphLaplacianAlgorithm>("GraphLaplacian", "Tools;Random Walk");
+    registerAlgorithm<MorphologicalInterpolationAlgorithm>("MorphologicalInterpolation",
+                                                           "Tools;Morphological Interpolation");
   }
 };
 
