@@ -471,7 +471,9 @@ TEST_F(FiducialPanel, Screenshot) {
   panel->show();
   QTest::qWait(20);
   const auto path = std::filesystem::path(MERIVANE_DOCS_DIR) / "fiducial-panel.png";
-  if (std::getenv("MERIVANE_WRITE_SCREENSHOTS")) EXPECT_TRUE(panel->grab().save(QString::fromStdString(path.string())));
+  if (std::getenv("MERIVANE_WRITE_SCREENSHOTS")) {
+    EXPECT_TRUE(panel->grab().save(QString::fromStdString(path.string())));
+  }
   EXPECT_FALSE(panel->grab().isNull());
 }
 

@@ -267,7 +267,9 @@ TEST(ControllerTable, PanelsFollowTheTableForTheClassesThatExist) {
     ASSERT_NE(widget, nullptr) << own[i].first;
     EXPECT_EQ(widget->objectName(), ownNames[i]);
     // The line panel is a generated one with a button more.
-    if (i == 2) EXPECT_EQ(flags(c.get()), std::make_pair(true, false));
+    if (i == 2) {
+      EXPECT_EQ(flags(c.get()), std::make_pair(true, false));
+    }
   }
   // No panel of its own: the factory says so, and the window then generates one.
   auto compatible = controllerFor("Seg.MakeCompatibleLabelMap", DataList{scene.image.get()});
