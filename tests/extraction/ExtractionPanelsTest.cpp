@@ -210,17 +210,17 @@ struct FiducialPanel : testing::Test {
   }
 };
 
-struct SpinSpec {
+struct SpinBoxExpectation {
   const char* name;
   double min, max, step, value;
   int decimals;
   const char* suffix;
 };
 
-class FiducialPanelSpins : public FiducialPanel, public testing::WithParamInterface<SpinSpec> {};
+class FiducialPanelSpins : public FiducialPanel, public testing::WithParamInterface<SpinBoxExpectation> {};
 
 TEST_P(FiducialPanelSpins, HaveTheirRangeStepAndStartValue) {
-  const SpinSpec s = GetParam();
+  const SpinBoxExpectation s = GetParam();
   auto* box = panel->findChild<QDoubleSpinBox*>(s.name);
   ASSERT_NE(box, nullptr) << s.name;
   EXPECT_DOUBLE_EQ(box->minimum(), s.min);
@@ -232,11 +232,11 @@ TEST_P(FiducialPanelSpins, HaveTheirRangeStepAndStartValue) {
 }
 
 INSTANTIATE_TEST_SUITE_P(FiducialPanel, FiducialPanelSpins,
-                         testing::Values(SpinSpec{"doubleSpinBoxMinContrast", 0, 1, 0.05, 0.1, 2, ""},
-                                         SpinSpec{"doubleSpinBoxScoreThreshold", 0, 1, 0.05, 0.75, 2, ""},
-                                         SpinSpec{"doubleSpinBoxMinCoverage", 0, 1, 0.05, 0.8, 2, ""},
-                                         SpinSpec{"doubleSpinBoxRoiSize", 1, 10000, 1, 10, 2, " mm"},
-                                         SpinSpec{"doubleSpinBoxDiameter", 1, 100, 0.5, 6, 2, " mm"}));
+                         testing::Values(SpinBoxExpectation{"doubleSpinBoxMinContrast", 0, 1, 0.05, 0.1, 2, ""},
+                                         SpinBoxExpectation{"doubleSpinBoxScoreThreshold", 0, 1, 0.05, 0.75, 2, ""},
+                                         SpinBoxExpectation{"doubleSpinBoxMinCoverage", 0, 1, 0.05, 0.8, 2, ""},
+                                         SpinBoxExpectation{"doubleSpinBoxRoiSize", 1, 10000, 1, 10, 2, " mm"},
+                                         SpinBoxExpectation{"doubleSpinBoxDiameter", 1, 100, 0.5, 6, 2, " mm"}));
 
 TEST_F(FiducialPanel, ControlsCarryTheirTextsAndStartStates) {
   auto* mode = panel->findChild<QComboBox*>("comboBoxMode");
@@ -587,14 +587,14 @@ struct CenterlinePanel : testing::Test {
 };
 
 TEST_F(CenterlinePanel, ControlsCarryTheirRangesAndStartValues) {
-  struct Spec {
+  struct Expected {
     const char* name;
     double min, max, step, value;
     int decimals;
   };
-  for (const Spec& s : {Spec{"doubleSpinBoxSmoothness", 0.001, 1, 0.001, 0.05, 3},
-                        Spec{"doubleSpinBoxMinI", -99999, 99999, 1, 0, 1},
-                        Spec{"doubleSpinBoxMaxI", -99999, 99999, 1, 2000, 1}}) {
+  for (const Expected& s : {Expected{"doubleSpinBoxSmoothness", 0.001, 1, 0.001, 0.05, 3},
+                        Expected{"doubleSpinBoxMinI", -99999, 99999, 1, 0, 1},
+                        Expected{"doubleSpinBoxMaxI", -99999, 99999, 1, 2000, 1}}) {
     auto* box = panel->findChild<QDoubleSpinBox*>(s.name);
     ASSERT_NE(box, nullptr) << s.name;
     EXPECT_DOUBLE_EQ(box->minimum(), s.min) << s.name;
