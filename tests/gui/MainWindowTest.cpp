@@ -19,6 +19,8 @@
 #include <thread>
 #include <QTest>
 #include <filesystem>
+#include <tuple>
+#include <typeinfo>
 
 #include "GlLabelRenderer.h"
 #include "GuiView.h"
@@ -235,6 +237,39 @@ TEST(ControllerTable, PanelsFollowTheTableForTheClassesThatExist) {
     auto* parameters = widget->findChild<QWidget*>("SegmentationParametersWidget");
     ASSERT_NE(parameters, nullptr);
     EXPECT_EQ(parameters->isHidden(), std::string(name).find("Watershed") != std::string::npos) << name;
+  }
+  // The extraction and clustering rows: generated panels with their flags, and panels of
+  // their own, known by their object names.
+  auto exactlyGenerated = [](AlgorithmController* c) {
+    return c && typeid(*c) == typeid(DefaultAlgorithmController);
+  };
+  auto ct = TestKit::makeImage<short>(Eigen::Vector3i(12, 10, 8), [](int x, int, int) { return x < 6 ? 0 : -1000; });
+  ct->setModality(Data::CT);
+  auto markers = TestKit::makeImage<unsigned short>(Eigen::Vector3i(12, 10, 8), [](int, int, int) { return 1000; });
+  const std::tuple<const char*, DataList, std::pair<bool, bool>> generated[] = {
+      {"Seg.HistogramIntensityClustering", DataList{scene.image.get()}, {false, false}},
+      {"Seg.IntensityClustering", DataList{scene.image.get()}, {false, false}},
+      {"Seg.SkinSegmentation", DataList{ct.get()}, {false, false}},
+      {"Seg.ConvolutionalCRF", DataList{scene.image.get(), scene.seeds.get()}, {true, false}}};
+  for (const auto& [name, data, expected] : generated) {
+    auto c = controllerFor(name, data);
+    ASSERT_TRUE(exactlyGenerated(c.get())) << name;
+    EXPECT_EQ(flags(c.get()), expected) << name;
+  }
+  const std::pair<const char*, DataList> own[] = {{"Seg.FiducialExtraction", DataList{markers.get()}},
+                                                  {"Seg.CenterlineExtraction", DataList{scene.image.get()}},
+                                                  {"Seg.LineToIsosurfaceIntersection", DataList{ct.get()}}};
+  const char* const ownNames[] = {"FiducialExtractionWidget", "CenterlineExtractionController",
+                                  "LineToIsosurfaceIntersectionController"};
+  for (int i = 0; i < 3; ++i) {
+    auto c = controllerFor(own[i].first, own[i].second);
+    auto* widget = dynamic_cast<QWidget*>(c.get());
+    ASSERT_NE(widget, nullptr) << own[i].first;
+    EXPECT_EQ(widget->objectName(), ownNames[i]);
+    // The line panel is a generated one with a button more.
+    if (i == 2) {
+      EXPECT_EQ(flags(c.get()), std::make_pair(true, false));
+    }
   }
   // No panel of its own: the factory says so, and the window then generates one.
   auto compatible = controllerFor("Seg.MakeCompatibleLabelMap", DataList{scene.image.get()});
