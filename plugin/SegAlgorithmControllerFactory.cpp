@@ -4,6 +4,8 @@
 #include "CenterlineExtractionController.h"
 #include "ConvolutionalCRFAlgorithm.h"
 #include "DefaultAlgorithmController.h"
+#include "LabelMapInterpolationAlgorithm.h"
+#include "MorphologicalInterpolationAlgorithm.h"
 #include "DoseComputationAlgorithm.h"
 #include "FiducialExtractionAlgorithm.h"
 #include "FiducialExtractionController.h"
@@ -69,6 +71,9 @@ AlgorithmController* SegAlgorithmControllerFactory::create(Algorithm* algorithm)
     return new LabelMapIsolineRendererController(isolines);
   if (auto* line = dynamic_cast<LineToIsosurfaceIntersectionAlgorithm*>(algorithm))
     return new LineToIsosurfaceIntersectionController(line);
+  if (is<MorphologicalInterpolationAlgorithm>(algorithm))
+    return new DefaultAlgorithmController(algorithm, "", false, false);
+  if (is<LabelMapInterpolationAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, false);
   if (auto* graph = dynamic_cast<GraphBasedSegmentation*>(algorithm))
     return new GraphBasedSegmentationController(graph);
   if (is<LabelMapToContoursAlgorithm>(algorithm)) return new DefaultAlgorithmController(algorithm, "", false, false);

@@ -44,6 +44,8 @@
 #include "SegAlgorithmControllerFactory.h"
 #include "SharedImage.h"
 #include "SharedImageSet.h"
+#include "LabelMapInterpolationAlgorithm.h"
+#include "MorphologicalInterpolationAlgorithm.h"
 #include "SkinSegmentationAlgorithm.h"
 #include "TestSupport.h"
 
@@ -171,6 +173,12 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"Line",
             [](SharedImageSet& v, SharedImageSet&) { return std::make_unique<LineToIsosurfaceIntersectionAlgorithm>(v); },
             Panel::Line, true, false},
+        Row{"MorphologicalInterpolation",
+            [](SharedImageSet&, SharedImageSet& l) { return std::make_unique<MorphologicalInterpolationAlgorithm>(&l, &l); },
+            Panel::Default, false, false},
+        Row{"LabelMapInterpolation",
+            [](SharedImageSet&, SharedImageSet& l) { return std::make_unique<LabelMapInterpolationAlgorithm>(&l); },
+            Panel::Default, false, false},
         Row{"CRF", [](SharedImageSet& v, SharedImageSet& l) { return std::make_unique<ConvolutionalCRFAlgorithm>(&v, &l); },
             Panel::Default, true, false}),
     [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
