@@ -154,6 +154,35 @@ std::unique_ptr<TypedImage<unsigned short>> copyRegion(const TypedImage<unsigned
   return out;
 }
 
+// Confirms the candidates on all threads and appends the confirmed fiducials in the
+// candidates' order. An abort keeps what was confirmed before the first candidate left
+// undone and clears the request; an allocation failure on any thread is raised here.
+template <typename Candidates, typename Confirm, typename Fiducial>
+void confirmAll(const Candidates& candidates, Confirm& confirm, std::atomic<bool>& abort,
+                std::vector<Fiducial>& fiducials) {
+  std::vector<std::optional<Fiducial>> found(candidates.size());
+  std::vector<char> done(candidates.size(), 0);
+  std::atomic<bool> failed{false};
+#pragma omp parallel for schedule(dynamic) if (candidates.size() > 1)
+  for (long i = 0; i < static_cast<long>(candidates.size()); ++i) {
+    if (abort.load(std::memory_order_relaxed) || failed.load(std::memory_order_relaxed)) continue;
+    try {
+      found[static_cast<size_t>(i)] = confirm(candidates[static_cast<size_t>(i)]);
+      done[static_cast<size_t>(i)] = 1;
+    } catch (...) {
+      failed = true;
+    }
+  }
+  if (failed) throw std::bad_alloc();
+  for (size_t i = 0; i < found.size(); ++i) {
+    if (!done[i]) {
+      abort = false;
+      break;
+    }
+    if (found[i]) fiducials.push_back(*found[i]);
+  }
+}
+
 }  // namespace
 
 FiducialExtractionAlgorithm::FiducialExtractionAlgorithm(SharedImage const* image, Mode mode) : image_(image) {
@@ -510,28 +539,7 @@ void FiducialExtractionAlgorithm::computeFiducial2D(const Vec3d& clicked, double
     if (coverage > (16 - empty) * 0.0625) return std::nullopt;
     return Fiducial{Vec3d(fit[0], fit[1], z), fit[2]};
   };
-  std::vector<std::optional<Fiducial>> found(candidates.size());
-  std::vector<char> done(candidates.size(), 0);
-  std::atomic<bool> failed{false};
-  // Candidates are independent; the results keep the candidates' order.
-#pragma omp parallel for schedule(dynamic) if (candidates.size() > 1)
-  for (long i = 0; i < static_cast<long>(candidates.size()); ++i) {
-    if (abort_.load(std::memory_order_relaxed) || failed.load(std::memory_order_relaxed)) continue;
-    try {
-      found[static_cast<size_t>(i)] = confirm(candidates[static_cast<size_t>(i)]);
-      done[static_cast<size_t>(i)] = 1;
-    } catch (...) {
-      failed = true;
-    }
-  }
-  if (failed) throw std::bad_alloc();
-  for (size_t i = 0; i < found.size(); ++i) {
-    if (!done[i]) {
-      abort_ = false;
-      break;
-    }
-    if (found[i]) fiducials_.push_back(*found[i]);
-  }
+  confirmAll(candidates, confirm, abort_, fiducials_);
 }
 
 void FiducialExtractionAlgorithm::computeFiducial3D(const Vec3d& clicked, double roi) {
@@ -598,27 +606,7 @@ void FiducialExtractionAlgorithm::computeFiducial3D(const Vec3d& clicked, double
     if (coverage > 2.0 * covered / 256.0) return std::nullopt;
     return Fiducial{Vec3d(fit.head<3>()), fit[3]};
   };
-  std::vector<std::optional<Fiducial>> found(candidates.size());
-  std::vector<char> done(candidates.size(), 0);
-  std::atomic<bool> failed{false};
-#pragma omp parallel for schedule(dynamic) if (candidates.size() > 1)
-  for (long i = 0; i < static_cast<long>(candidates.size()); ++i) {
-    if (abort_.load(std::memory_order_relaxed) || failed.load(std::memory_order_relaxed)) continue;
-    try {
-      found[static_cast<size_t>(i)] = confirm(candidates[static_cast<size_t>(i)]);
-      done[static_cast<size_t>(i)] = 1;
-    } catch (...) {
-      failed = true;
-    }
-  }
-  if (failed) throw std::bad_alloc();
-  for (size_t i = 0; i < found.size(); ++i) {
-    if (!done[i]) {
-      abort_ = false;
-      break;
-    }
-    if (found[i]) fiducials_.push_back(*found[i]);
-  }
+  confirmAll(candidates, confirm, abort_, fiducials_);
 }
 
 double FiducialExtractionAlgorithm::fitCircleToPointCloud(const std::vector<Vec2d>& points, Vec3d& centreAndRadius,
