@@ -207,6 +207,8 @@ struct BadInput {
   int status;
 };
 
+void PrintTo(const BadInput& b, std::ostream* os) { *os << b.name; }
+
 class CenterlineFailure : public testing::TestWithParam<BadInput> {};
 
 TEST_P(CenterlineFailure, StatusOneErrorLineAndNoResults) {
