@@ -29,11 +29,7 @@ namespace {
 
 constexpr const char* kCategory = "Seg.CenterlineExtractionController";
 
-template <typename T>
-T* named(T* w, const char* name) {
-  w->setObjectName(name);
-  return w;
-}
+using QtHelpers::named;
 
 QDoubleSpinBox* intensityBox(QWidget* parent, const char* name, double value) {
   auto* box = named(new QDoubleSpinBox(parent), name);

@@ -45,11 +45,7 @@ constexpr const char* kCategory = "Seg.FiducialExtractionController";
 const Eigen::Vector4f kGreen(0, 1, 0, 1);
 const Eigen::Vector4f kMagenta(1, 0, 1, 1);
 
-template <typename T>
-T* named(T* w, const char* name) {
-  w->setObjectName(name);
-  return w;
-}
+using QtHelpers::named;
 
 QDoubleSpinBox* fraction(QWidget* parent, const char* name, double value) {
   auto* box = named(new QDoubleSpinBox(parent), name);

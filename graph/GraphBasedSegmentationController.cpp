@@ -37,11 +37,7 @@ const char* const kSolvers[] = {"LLT-Float",
                                 "[Vienna] BiCGSTAB-CPU (LGPL)",
                                 "[Vienna] BiCGSTAB-GPU (LGPL)"};
 
-template <typename T>
-T* named(T* w, const char* name) {
-  w->setObjectName(name);
-  return w;
-}
+using QtHelpers::named;
 
 }  // namespace
 

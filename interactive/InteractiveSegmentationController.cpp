@@ -52,11 +52,7 @@ constexpr const char* kTitle = "Interactive Segmentation";
 constexpr int kOutline = 255;  // the value the run draws the object's outline with
 const char* const kNoneAvailable = "<None available>";
 
-template <typename T>
-T* named(T* w, const char* name) {
-  w->setObjectName(name);
-  return w;
-}
+using QtHelpers::named;
 
 int askUser(QWidget* parent, const QString& title, const QString& text, int buttons, int defaultButton,
             std::vector<std::pair<int, QString>> relabel = {}) {

@@ -14,6 +14,14 @@ class Progress;
 
 namespace Merivane::QtHelpers {
 
+// Gives a widget its object name, by which tests and style find it, and returns it, so that a
+// form reads as one expression per control.
+template <typename W>
+W* named(W* widget, const char* name) {
+  widget->setObjectName(name);
+  return widget;
+}
+
 // Runs `work` on a worker thread while a modal progress dialog, polled every 10 ms, shows the
 // tasks of `progress` (when given) and offers Cancel, which cancels the progress's tasks.
 // Events keep flowing meanwhile. Returns false when the user cancelled. Exceptions of `work`
