@@ -170,45 +170,48 @@ void GraphBasedSegmentation::prepareForComputation() {
     crop = decision == BoxDecision::Crop;
   }
 
-  auto image = cloneFrame(*imageFrame, imageFrame->matrix());
-  auto labels = cloneFrame(*labelFrame, labelFrame->matrix());
-  std::shared_ptr<SharedImage> prior;
-  if (priors_ && priors_->get(i)) prior = cloneFrame(*priors_->get(i), priors_->get(i)->matrix());
-  if (crop) {
-    for (SharedImage* f : {image.get(), labels.get(), prior.get()}) {
-      if (!f) continue;
-      const Eigen::Vector3i dims = f->descriptor().dimensions;
-      auto cropped = ImageProcessing::createCropped(*f->mem(), cropOffset_, cropSize_);
-      if (!cropped) continue;
-      const Eigen::Matrix4d m = croppedMatrix(f->matrix(), dims, f->descriptor().spacing, cropOffset_, cropSize_);
-      f->update(*cropped);
-      f->setMatrix(m);
-    }
-  }
-
+  // A display window other than the one the working image was clamped to needs a new one.
+  double window = 0, level = 0;
+  bool clamp = false;
   if (clipToDisplayWindow) {
-    double window = 0, level = 0;
-    bool found = false;
     if (auto* d2 = images_->components().get<DisplayOptions2d>()) {
       window = d2->window;
       level = d2->level;
-      found = true;
+      clamp = true;
     } else if (auto* d3 = images_->components().get<DisplayOptions3d>()) {
       window = d3->window;
       level = d3->level;
-      found = true;
+      clamp = true;
     }
-    if (found && (window != displayWindow_ || level != displayLevel_)) {
+    if (clamp && (window != displayWindow_ || level != displayLevel_)) reuse = false;
+  }
+
+  // The working copy of a frame: its crop, taken straight from the frame, or a clone.
+  auto working = [&](const SharedImage& f) {
+    if (crop) {
+      if (std::unique_ptr<MemImage> cropped = ImageProcessing::createCropped(*f.mem(), cropOffset_, cropSize_)) {
+        auto copy = std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(cropped)));
+        copy->setMatrix(
+            croppedMatrix(f.matrix(), f.descriptor().dimensions, f.descriptor().spacing, cropOffset_, cropSize_));
+        return copy;
+      }
+    }
+    return cloneFrame(f, f.matrix());
+  };
+  auto labels = working(*labelFrame);
+  if (algorithm_ && reuse) {
+    // Same box, same image: the algorithm keeps its image (and its kept solution) and takes
+    // the new seeds.
+    algorithm_->updateLabels(*labels);
+  } else {
+    auto image = working(*imageFrame);
+    std::shared_ptr<SharedImage> prior;
+    if (priors_ && priors_->get(i)) prior = working(*priors_->get(i));
+    if (clamp) {
       displayWindow_ = window;
       displayLevel_ = level;
       clampToWindow(*image, window, level);
-      reuse = false;
     }
-  }
-
-  if (algorithm_ && reuse) {
-    algorithm_->updateLabels(*labels);
-  } else {
     if (smoothing > 0) Filters::boxFilter3d(imageFrame->mem(), image->mem(), smoothing, smoothing, smoothing);
     algorithm_ = std::make_unique<GraphLaplacianAlgorithm>(*image, *labels, prior.get());
     workingImage_ = image;

@@ -19,6 +19,17 @@ namespace Merivane {
 
 namespace {
 
+// For each node of `before` (ascending), its place in `after` (ascending), or -1.
+std::vector<int> newPlacesOf(const std::vector<uint64_t>& before, const std::vector<uint64_t>& after) {
+  std::vector<int> places(before.size(), -1);
+  size_t j = 0;
+  for (size_t i = 0; i < before.size(); ++i) {
+    while (j < after.size() && after[j] < before[i]) ++j;
+    if (j < after.size() && after[j] == before[i]) places[i] = static_cast<int>(j);
+  }
+  return places;
+}
+
 constexpr const char* kCategory = "Seg.GraphLaplacianAlgorithm";
 
 using Clock = std::chrono::steady_clock;
@@ -99,11 +110,25 @@ void GraphLaplacianAlgorithm::reset() {
   previousSolution_ = Eigen::VectorXf(1);
   previousSolution_[0] = 0.0f;
   keptSolution_.reset();
+  forgetHierarchy();
 }
 
 void GraphLaplacianAlgorithm::setKeepResultForWarmStart(bool on) {
   keepResult_ = on;
-  if (!on) keptSolution_.reset();
+  if (!on) {
+    keptSolution_.reset();
+    forgetHierarchy();
+  }
+}
+
+void GraphLaplacianAlgorithm::forgetHierarchy() {
+  keptMultigrid_.reset();
+  keptUnknowns_ = {};
+  keptNodeCount_ = 0;
+}
+
+bool GraphLaplacianAlgorithm::lastSolveReusedHierarchy() const {
+  return keptMultigrid_ && keptMultigrid_->lastReused;
 }
 
 uint64_t GraphLaplacianAlgorithm::memoryEstimation(int level) const {
@@ -217,6 +242,7 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
   }
   solver->verbose = verbose.value();
   solver->canceled = canceled_;
+  if (solveKeepsHierarchy_) solver->keptMultigrid = keptMultigrid_.get();
 
   // Without a previous solution the guess is b itself, not a copy of it.
   Eigen::VectorXf reused;
@@ -297,6 +323,7 @@ void GraphLaplacianAlgorithm::compute() {
   labelPyramid.createLevels(numLevels.value());
   if (prior_) priorPyramid.createLevels(numLevels.value());
   const int nLevels = resultPyramid.createLevels(numLevels.value());
+  if (verbose) LOG_INFO(kCategory, "[GraphSegmentation] 0) Pyramids: " << msSince(step) << " ms");
   const int minIndex = std::max(std::min(minLevel.value(), nLevels) - 1, 0);
   // A re-run on the same grid solves its finest level alone, from the kept solution.
   const bool warm = keepResult_ && reuseSolution.value() && keptSolution_ && keptLevel_ == minIndex &&
@@ -347,7 +374,25 @@ void GraphLaplacianAlgorithm::compute() {
     } else if (level != nLevels - 1) {
       previousSolution_ = graph_->generateVectorFromImage(*resultPyramid.level(level));
     }
+    // The finest solve of a run that keeps its result also keeps its multigrid hierarchy; a
+    // warm re-run on the same graph takes it over, mapped node by node onto the new unknowns.
+    solveKeepsHierarchy_ = keepResult_ && level == minIndex;
+    if (solveKeepsHierarchy_) {
+      if (!keptMultigrid_) keptMultigrid_ = std::make_shared<KeptMultigrid>();
+      keptMultigrid_->newRowOfOld.clear();
+      if (warm && keptMultigrid_->hierarchy && keptNodeCount_ == static_cast<size_t>(graph_->laplacian().rows()))
+        keptMultigrid_->newRowOfOld = newPlacesOf(keptUnknowns_, graph_->unknownIndices());
+    }
     lastSolution = solveLaplace(priorPyramid.level(level));
+    if (solveKeepsHierarchy_) {
+      solveKeepsHierarchy_ = false;
+      if (lastSolveStatus_ == statusSuccess && keptMultigrid_->hierarchy) {
+        keptUnknowns_ = graph_->unknownIndices();
+        keptNodeCount_ = static_cast<size_t>(graph_->laplacian().rows());
+      } else {
+        forgetHierarchy();
+      }
+    }
     levelIterations_.push_back(lastIterations_);
     if (lastSolveStatus_ != statusSuccess) {
       if (lastSolveStatus_ == statusCanceled) LOG_WARN(kCategory, "Segmentation cancelled");

@@ -3,6 +3,7 @@
 // system, solves level by level from coarse to fine, and gives a float probability image
 // with the geometry of the labels.
 #include <Eigen/Core>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "Parameter.h"
 
 namespace Merivane {
+struct KeptMultigrid;
 
 class GraphLaplacian;
 class LinearSolver;
@@ -48,6 +50,9 @@ class GraphLaplacianAlgorithm : public Algorithm {
   bool keepsResultForWarmStart() const { return keepResult_; }
   // Whether the last compute() started from the kept result.
   bool lastComputeWarmStarted() const { return lastWarmStarted_; }
+  // Whether its finest solve re-targeted the multigrid hierarchy kept from the run before,
+  // rather than setting up its own (the setup is a quarter of a re-run's time).
+  bool lastSolveReusedHierarchy() const;
   // Iterations of each level solved by the last compute(), coarse to fine.
   const std::vector<int>& levelIterations() const { return levelIterations_; }
   // Bytes that a solve at the given pyramid level (counted from 1) is expected to hold.
@@ -104,6 +109,13 @@ class GraphLaplacianAlgorithm : public Algorithm {
   // The last solution at its level, for the warm start.
   std::unique_ptr<SharedImage> keptSolution_;
   int keptLevel_ = -1, keptLevelCount_ = 0;
+  // The multigrid hierarchy of the kept solve, with the graph nodes its rows stood for: a
+  // re-run re-targets it at the new system instead of setting up a new one.
+  void forgetHierarchy();
+  std::shared_ptr<KeptMultigrid> keptMultigrid_;
+  std::vector<uint64_t> keptUnknowns_;
+  size_t keptNodeCount_ = 0;
+  bool solveKeepsHierarchy_ = false;  // whether the current solveLaplace uses keptMultigrid_
   std::vector<int> levelIterations_;
   std::function<bool()> canceled_;  // the run's progress task, during compute()
 };

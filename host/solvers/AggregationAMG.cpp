@@ -278,6 +278,169 @@ void AggregationAMG<Scalar>::setupSingle(int n, const int* outer, const int* inn
 }
 
 template <typename Scalar>
+bool AggregationAMG<Scalar>::rebindFinest(int n, const int* outer, const int* inner, const float* values,
+                                         const std::vector<int>& newRowOfOld) {
+  if (levels_.size() < 2 || n <= 0) return false;
+  Level& L = *levels_[0];
+  if (newRowOfOld.size() != static_cast<size_t>(L.A.n)) return false;
+  const int nc = static_cast<int>(L.bc.size());
+  std::vector<int> aggOf(static_cast<size_t>(n), -1);
+  std::vector<char> touched(static_cast<size_t>(nc), 0);  // aggregates that lost or gained rows
+  for (int I = 0; I < nc; ++I)
+    for (int m = L.aggStart[static_cast<size_t>(I)]; m < L.aggStart[static_cast<size_t>(I) + 1]; ++m) {
+      const int i = newRowOfOld[static_cast<size_t>(L.aggMembers[static_cast<size_t>(m)])];
+      if (i >= n) return false;
+      if (i >= 0)
+        aggOf[static_cast<size_t>(i)] = I;
+      else
+        touched[static_cast<size_t>(I)] = 1;
+    }
+  std::vector<int> orphans;
+  for (int i = 0; i < n; ++i)
+    if (aggOf[static_cast<size_t>(i)] < 0) orphans.push_back(i);
+  // A new row lies where a seed was erased; past a few per cent of the matrix the old
+  // aggregates no longer describe it.
+  if (orphans.size() > static_cast<size_t>(n) / 50 + 64) return false;
+  // New rows join the aggregate of their strongest neighbour that has one; a few passes reach
+  // rows whose neighbours are new too. Serial and in row order, so the result is fixed.
+  for (int pass = 0; pass < 4 && !orphans.empty(); ++pass) {
+    std::vector<int> left;
+    for (int i : orphans) {
+      int best = -1;
+      float strongest = 0;
+      for (int k = outer[i]; k < outer[i + 1]; ++k) {
+        const int j = inner[k];
+        if (j == i || aggOf[static_cast<size_t>(j)] < 0 || -values[k] <= strongest) continue;
+        strongest = -values[k];
+        best = aggOf[static_cast<size_t>(j)];
+      }
+      if (best >= 0) {
+        aggOf[static_cast<size_t>(i)] = best;
+        touched[static_cast<size_t>(best)] = 1;
+      } else {
+        left.push_back(i);
+      }
+    }
+    orphans.swap(left);
+  }
+
+  // The rows of the touched aggregates are summed again on every coarser level, from the level
+  // above as it now is, and mirrored into their columns. A new seed anchors its neighbours,
+  // which a coarse row summed before the seed existed does not know; without this a re-run
+  // takes half as many iterations again as a fresh setup.
+  if (!resumLevel(1, outer, inner, values, aggOf, touched)) return false;
+  for (size_t l = 1; l + 1 < levels_.size(); ++l) {
+    const Level& F = *levels_[l];
+    std::vector<int> agg(static_cast<size_t>(F.A.n), -1);
+    const int ncl = static_cast<int>(F.bc.size());
+    std::vector<char> next(static_cast<size_t>(ncl), 0);
+    for (int I = 0; I < ncl; ++I)
+      for (int m = F.aggStart[static_cast<size_t>(I)]; m < F.aggStart[static_cast<size_t>(I) + 1]; ++m) {
+        const int i = F.aggMembers[static_cast<size_t>(m)];
+        agg[static_cast<size_t>(i)] = I;
+        if (touched[static_cast<size_t>(i)]) next[static_cast<size_t>(I)] = 1;
+      }
+    touched.swap(next);
+    if (!resumLevel(l + 1, F.A.outer, F.A.inner, F.A.values, agg, touched)) return false;
+  }
+  factorCoarsest();
+
+  // Rows still without an aggregate are only smoothed.
+  L.aggStart.assign(static_cast<size_t>(nc) + 1, 0);
+  for (int a : aggOf)
+    if (a >= 0) ++L.aggStart[static_cast<size_t>(a) + 1];
+  for (size_t I = 1; I < L.aggStart.size(); ++I) L.aggStart[I] += L.aggStart[I - 1];
+  L.aggMembers.resize(static_cast<size_t>(L.aggStart.back()));
+  std::vector<int> fill(L.aggStart.begin(), L.aggStart.end() - 1);
+  for (int i = 0; i < n; ++i)
+    if (const int a = aggOf[static_cast<size_t>(i)]; a >= 0)
+      L.aggMembers[static_cast<size_t>(fill[static_cast<size_t>(a)]++)] = i;
+
+  L.A.n = n;
+  L.A.outer = outer;
+  L.A.inner = inner;
+  if constexpr (std::is_same_v<Scalar, float>) {
+    L.A.values = values;
+  } else {
+    L.A.values = nullptr;
+    L.A.valuesF = values;
+  }
+  L.invDiag.assign(static_cast<size_t>(n), Scalar(1));
+#pragma omp parallel for schedule(static) if (n > 65536)
+  for (int i = 0; i < n; ++i)
+    for (int k = outer[i]; k < outer[i + 1]; ++k)
+      if (inner[k] == i && values[k] != 0) L.invDiag[static_cast<size_t>(i)] = Scalar(1) / static_cast<Scalar>(values[k]);
+  L.r.assign(static_cast<size_t>(n), Scalar(0));
+  size_ = n;
+  return true;
+}
+
+// Sums the rows `touched` of level c again from the level above (rows outer/inner/values,
+// aggregate `aggOf` of each row, -1 for none), and writes each new entry into its mirror too.
+// False when a sum needs an entry that the level's pattern lacks.
+template <typename Scalar>
+template <typename V>
+bool AggregationAMG<Scalar>::resumLevel(size_t c, const int* outer, const int* inner, const V* values,
+                                       const std::vector<int>& aggOf, const std::vector<char>& touched) {
+  Level& CL = *levels_[c];
+  Csr<Scalar>& C = CL.A;
+  const int nc = C.n;
+  std::vector<std::vector<int>> membersOf(static_cast<size_t>(nc));
+  for (size_t i = 0; i < aggOf.size(); ++i)
+    if (const int a = aggOf[i]; a >= 0 && touched[static_cast<size_t>(a)])
+      membersOf[static_cast<size_t>(a)].push_back(static_cast<int>(i));
+  auto find = [&](int row, int col) {
+    const int* b = C.inner + C.outer[row];
+    const int* e = C.inner + C.outer[row + 1];
+    const int* p = std::lower_bound(b, e, col);
+    return p != e && *p == col ? static_cast<int>(p - C.inner) : -1;
+  };
+  struct Update {
+    int pos;
+    Scalar value;
+  };
+  std::vector<Update> updates;
+  std::vector<Scalar> sum(static_cast<size_t>(nc), Scalar(0));
+  std::vector<char> inRow(static_cast<size_t>(nc), 0);
+  std::vector<int> seen;
+  for (int I = 0; I < nc; ++I) {
+    if (!touched[static_cast<size_t>(I)]) continue;
+    seen.clear();
+    for (int i : membersOf[static_cast<size_t>(I)])
+      for (int k = outer[i]; k < outer[i + 1]; ++k) {
+        const int J = aggOf[static_cast<size_t>(inner[k])];
+        if (J < 0) continue;
+        if (!inRow[static_cast<size_t>(J)]) {
+          inRow[static_cast<size_t>(J)] = 1;
+          seen.push_back(J);
+        }
+        sum[static_cast<size_t>(J)] += static_cast<Scalar>(values[k]);
+      }
+    // Every entry of the old row is rewritten, to zero where the coupling went.
+    for (int k = C.outer[I]; k < C.outer[I + 1]; ++k) {
+      const int J = C.inner[k];
+      updates.push_back({k, sum[static_cast<size_t>(J)]});
+      if (J != I && !touched[static_cast<size_t>(J)]) {
+        const int mirror = find(J, I);
+        if (mirror < 0) return false;
+        updates.push_back({mirror, sum[static_cast<size_t>(J)]});
+      }
+    }
+    for (int J : seen) {
+      if (sum[static_cast<size_t>(J)] != Scalar(0) && find(I, J) < 0) return false;
+      sum[static_cast<size_t>(J)] = Scalar(0);
+      inRow[static_cast<size_t>(J)] = 0;
+    }
+  }
+  Scalar* v = C.valueStore.data();
+  for (const Update& u : updates) v[u.pos] = u.value;
+  for (int I = 0; I < nc; ++I)
+    if (touched[static_cast<size_t>(I)])
+      if (const int d = find(I, I); d >= 0 && v[d] != 0) CL.invDiag[static_cast<size_t>(I)] = Scalar(1) / v[d];
+  return true;
+}
+
+template <typename Scalar>
 void AggregationAMG<Scalar>::build(int n, const int* outer, const int* inner, const Scalar* values,
                                    const float* single) {
   levels_.clear();
@@ -305,7 +468,12 @@ void AggregationAMG<Scalar>::build(int n, const int* outer, const int* inner, co
     if (!withValues(L.A, [&](const auto* val) { return coarsenLevel(L, val); })) break;
   }
 
-  // Dense Cholesky of the coarsest level, in double precision.
+  factorCoarsest();
+}
+
+// Dense Cholesky of the coarsest level, in double precision.
+template <typename Scalar>
+void AggregationAMG<Scalar>::factorCoarsest() {
   const Level& C = *levels_.back();
   Eigen::MatrixXd dense = Eigen::MatrixXd::Zero(C.A.n, C.A.n);
   withValues(C.A, [&](const auto* val) {

@@ -73,6 +73,17 @@ class AggregationAMG {
   void setupSingle(int n, const int* outer, const int* inner, const float* values);
   void apply(const Scalar* b, Scalar* x) const;
 
+  // Re-targets a hierarchy at a finest matrix that differs from the one it was set up on in a
+  // few rows: a re-solve after a stroke of new seeds, which removes some unknowns and may add
+  // others. The coarse levels stay as they were; the finest level takes the new matrix (single
+  // precision, borrowed as by setupSingle). `newRowOfOld[i]` is the new row of old row i, or -1
+  // where the row is gone. Rows new to the system join the aggregate of their strongest
+  // neighbour, and the coarse rows of the aggregates that changed are summed again. False when
+  // the change is too large for the old coarse levels to serve; the hierarchy may then be
+  // half changed and must be set up afresh.
+  bool rebindFinest(int n, const int* outer, const int* inner, const float* values,
+                    const std::vector<int>& newRowOfOld);
+
   int levels() const;
   // Rows of each level, finest first.
   std::vector<int> levelSizes() const;
@@ -85,6 +96,10 @@ class AggregationAMG {
   void build(int n, const int* outer, const int* inner, const Scalar* values, const float* single);
   template <typename V>
   bool coarsenLevel(Level& L, const V* values);
+  void factorCoarsest();
+  template <typename V>
+  bool resumLevel(size_t c, const int* outer, const int* inner, const V* values, const std::vector<int>& aggOf,
+                  const std::vector<char>& touched);
   void cycle(size_t level, const Scalar* b, Scalar* x) const;
   std::vector<std::unique_ptr<Level>> levels_;
   Eigen::Index size_ = 0;

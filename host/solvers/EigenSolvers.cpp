@@ -1,6 +1,8 @@
 #include <omp.h>
 
 #include <chrono>
+#include <memory>
+#include <type_traits>
 
 #include <Eigen/SparseCholesky>
 #include <vector>
@@ -29,17 +31,39 @@ constexpr Eigen::Index kDirectPlanarLimit = 2000000;
 template <typename S>
 class MultigridPreconditioner {
  public:
-  explicit MultigridPreconditioner(const SparseMatrixF& A) {
-    amg_.setupSingle(static_cast<int>(A.rows()), A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
+  // Sets up on A, or re-targets the hierarchy kept in `kept` when it fits and the caller asked.
+  MultigridPreconditioner(const SparseMatrixF& A, KeptMultigrid* kept) {
+    constexpr bool isDouble = std::is_same_v<S, double>;
+    const int n = static_cast<int>(A.rows());
+    if (kept && kept->hierarchy && kept->doublePrecision == isDouble && !kept->newRowOfOld.empty()) {
+      auto old = std::static_pointer_cast<AggregationAMG<S>>(kept->hierarchy);
+      if (old->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), kept->newRowOfOld)) {
+        amg_ = std::move(old);
+        reused_ = true;
+      }
+    }
+    if (!amg_) {
+      if (kept) kept->hierarchy.reset();  // the old one goes before the new one is built
+      amg_ = std::make_shared<AggregationAMG<S>>();
+      amg_->setupSingle(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
+    }
+    if (kept) {
+      kept->hierarchy = amg_;
+      kept->doublePrecision = isDouble;
+      kept->newRowOfOld.clear();
+      kept->lastReused = reused_;
+    }
   }
   Krylov::Preconditioner<S> function() {
-    return [this](const S* in, S* out) { amg_.apply(in, out); };
+    return [amg = amg_.get()](const S* in, S* out) { amg->apply(in, out); };
   }
-  size_t bytes() const { return amg_.memoryBytes(); }
-  int levels() const { return amg_.levels(); }
+  size_t bytes() const { return amg_->memoryBytes(); }
+  int levels() const { return amg_->levels(); }
+  bool reused() const { return reused_; }
 
  private:
-  AggregationAMG<S> amg_;
+  std::shared_ptr<AggregationAMG<S>> amg_;
+  bool reused_ = false;
 };
 
 enum class Method { CG, BiCGSTAB };
@@ -57,9 +81,10 @@ void krylovSolve(Method method, const SparseMatrixF& A, const Eigen::VectorXf& b
   }
   ThreadScope threads(Krylov::availableThreads(omp_get_max_threads()));
   const auto setupStart = std::chrono::steady_clock::now();
-  MultigridPreconditioner<S> M(A);
+  MultigridPreconditioner<S> M(A, self.keptMultigrid);
   const double setupMs =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - setupStart).count();
+  if (self.keptMultigrid) self.keptMultigrid->lastSetupMs = setupMs;
   const Krylov::Matrix K{A.rows(), A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr()};
   Vector xs = (guess.size() == b.size() ? guess : b).template cast<S>();
   Krylov::Settings settings{iterations, tolerance, self.canceled, threads.cap()};
@@ -78,8 +103,8 @@ void krylovSolve(Method method, const SparseMatrixF& A, const Eigen::VectorXf& b
   report.workspaceBytes = M.bytes() + static_cast<size_t>(b.size()) * sizeof(S) * (method == Method::CG ? 4 : 6);
   if (self.verbose)
     LOG_INFO(kCategory, name << ": " << out.iterations << " iterations, relative residual " << out.relativeResidual << " ("
-                             << threads.threads() << " threads, " << M.levels() << " multigrid levels set up in "
-                             << setupMs << " ms)");
+                             << threads.threads() << " threads, " << M.levels() << " multigrid levels "
+                             << (M.reused() ? "re-targeted" : "set up") << " in " << setupMs << " ms)");
 }
 
 // Eigen's sparse Cholesky in precision S, with an approximate-minimum-degree ordering.

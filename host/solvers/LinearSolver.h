@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Merivane {
 
@@ -23,6 +24,19 @@ enum class SolverInfo {
 
 const char* toString(SolverInfo info);
 
+// A multigrid hierarchy carried from one solve to the next, for the multigrid-preconditioned
+// iterative solvers. A re-solve of a system that differs from the last in a few rows (a stroke
+// of new seeds) reuses the hierarchy instead of setting up a new one. Before such a solve the
+// caller fills `newRowOfOld` (the new row of each row of the last system, -1 where it is gone);
+// left empty, the solver sets up afresh. Either way the solver keeps its hierarchy here.
+struct KeptMultigrid {
+  std::shared_ptr<void> hierarchy;  // the solver's, opaque to the caller
+  bool doublePrecision = false;
+  std::vector<int> newRowOfOld;
+  bool lastReused = false;  // whether the last solve reused the hierarchy
+  double lastSetupMs = 0;   // time the last solve spent on setting up or re-targeting it
+};
+
 class LinearSolver {
  public:
   virtual ~LinearSolver();
@@ -33,6 +47,8 @@ class LinearSolver {
   bool verbose = false;
   // Asked between iterations by the iterative solvers; true ends the solve as Canceled.
   std::function<bool()> canceled;
+  // Where the multigrid solvers take a kept hierarchy from and keep theirs; null: none kept.
+  KeptMultigrid* keptMultigrid = nullptr;
 
   SolverInfo info() const { return info_; }
   // Why the last solve failed, in words; empty unless info() is a failure. Solvers do not log

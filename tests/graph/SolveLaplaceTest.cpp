@@ -446,6 +446,52 @@ TEST(GraphLaplacianAlgorithm, AKeptSolutionMakesTheNextComputeSolveItsFinestLeve
   EXPECT_FALSE(a->lastComputeWarmStarted());
 }
 
+// A re-run after a correction stroke takes over the multigrid hierarchy of the run before,
+// re-targeted at the new seeds, and decides every voxel as a fresh run on those seeds does.
+TEST(GraphLaplacianAlgorithm, ARerunAfterAStrokeReusesTheHierarchyAndMatchesAFreshRun) {
+  std::mt19937 rng(4);
+  std::normal_distribution<double> noise(0.0, 0.1);
+  const Eigen::Vector3i dims(28, 26, 24);
+  auto img = floatFrame(dims, [&](int x, int y, int z) {
+    return (std::hypot(x - 14.0, y - 13.0, z - 12.0) < 8 ? 1.0 : 0.0) + noise(rng);
+  });
+  auto seeds = [](int x, int y, int z) { return std::hypot(x - 14.0, y - 13.0, z - 12.0) < 2 ? 1 : (x < 2 ? 2 : 0); };
+  auto lab = labelFrame(dims, seeds);
+  auto a = makeAlgorithm(*img, *lab, 4, 500, -6);
+  Properties p;
+  p.setParam("Re-Use Solution", true);
+  a->configure(&p);
+  a->setKeepResultForWarmStart(true);
+  a->compute();
+  ASSERT_EQ(a->status(), Algorithm::statusSuccess);
+  EXPECT_FALSE(a->lastSolveReusedHierarchy());
+  // A stroke of background seeds inside the ball's edge, and one erased seed.
+  auto* l = static_cast<TypedImage<unsigned char>*>(lab->mem());
+  for (int x = 16; x < 24; ++x) l->setValue(2, x, 13, 12);
+  l->setValue(0, 0, 5, 5);
+  lab->setDirtyMem();
+  a->compute();
+  ASSERT_EQ(a->status(), Algorithm::statusSuccess);
+  EXPECT_TRUE(a->lastComputeWarmStarted());
+  EXPECT_TRUE(a->lastSolveReusedHierarchy());
+  auto rerun = a->takeOutput().extractFirstImage();
+
+  auto fresh = makeAlgorithm(*img, *lab, 4, 500, -6);
+  fresh->compute();
+  ASSERT_EQ(fresh->status(), Algorithm::statusSuccess);
+  auto reference = fresh->takeOutput().extractFirstImage();
+  const auto* u = static_cast<const TypedImage<float>*>(rerun->mem(0));
+  const auto* v = static_cast<const TypedImage<float>*>(reference->mem(0));
+  for (size_t k = 0; k < u->descriptor().pixelCount(); ++k) {
+    ASSERT_NEAR(u->pointer()[k], v->pointer()[k], 1e-3) << k;
+    if (std::abs(v->pointer()[k] - 0.5f) > 1e-3f) ASSERT_EQ(u->pointer()[k] > 0.5f, v->pointer()[k] > 0.5f) << k;
+  }
+  // reset() forgets the hierarchy with the solution.
+  a->reset();
+  a->compute();
+  EXPECT_FALSE(a->lastSolveReusedHierarchy());
+}
+
 // A grid whose Laplacian has more entries than 32-bit indices hold (about 306 million voxels
 // and up) is refused with one error line before anything is built; the pixels are never read,
 // so the untouched zero pages of this 314 MB image cost no memory.
