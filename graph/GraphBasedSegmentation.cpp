@@ -307,11 +307,25 @@ void GraphBasedSegmentation::compute() {
     const Eigen::Vector3d oy = out.worldToPixel(labelFrame->pixelToWorld(Eigen::Vector3d::UnitY())) - o0;
     const Eigen::Vector3d oz = out.worldToPixel(labelFrame->pixelToWorld(Eigen::Vector3d::UnitZ())) - o0;
     const Eigen::Vector3i o = cropOffset_, s = cropSize_;
+    // A result on the box's own grid (computed at full resolution, or brought up to it) is
+    // copied row by row; only another grid needs sampling.
+    const Eigen::Vector3d start = o0 + o[0] * ox + o[1] * oy + o[2] * oz;
+    const bool sameGrid = (ox - Eigen::Vector3d::UnitX()).norm() < 1e-9 && (oy - Eigen::Vector3d::UnitY()).norm() < 1e-9 &&
+                          (oz - Eigen::Vector3d::UnitZ()).norm() < 1e-9 && start.norm() < 1e-9 &&
+                          outTyped->dimensions() == s && outTyped->channels() == 1;
+    if (sameGrid) {
+#pragma omp parallel for schedule(static)
+      for (int z = 0; z < s[2]; ++z)
+        for (int y = 0; y < s[1]; ++y)
+          std::copy_n(&outTyped->pointer()[outTyped->index(0, y, z)], s[0],
+                      &fullTyped->pointer()[fullTyped->index(o[0], o[1] + y, o[2] + z)]);
+    } else {
 #pragma omp parallel for schedule(static)
     for (int z = o[2]; z < o[2] + s[2]; ++z)
       for (int y = o[1]; y < o[1] + s[1]; ++y)
         for (int x = o[0]; x < o[0] + s[0]; ++x)
           fullTyped->setValue(sampleLinear(*outTyped, o0 + x * ox + y * oy + z * oz), x, y, z);
+    }
   }
   probability_ = std::make_unique<SharedImageSet>(std::shared_ptr<Image>(std::move(full)));
   probability_->setMatrix(labelFrame->matrix());

@@ -153,12 +153,27 @@ void ImagePyramid::propagateUp(int index) {
       using T = decltype(tagOut);
       T* o = static_cast<T*>(out.data());
       const int OC = out.channels(), IC = in.channels();
+      // The grids are aligned, so a voxel's stencil is assembled from those of its row, column
+      // and slice, each worked out once.
+      std::vector<Interpolation::Stencil> axes[3];
+      for (int k = 0; k < 3; ++k) {
+        axes[k].resize(static_cast<size_t>(fd[k]));
+        for (int v = 0; v < fd[k]; ++v) {
+          Interpolation::Stencil& a = axes[k][static_cast<size_t>(v)];
+          Interpolation::axisStencil((v + 0.5) * ratio[k] - 0.5, cd[k], nearest, a.i0[k], a.i1[k], a.f[k]);
+        }
+      }
 #pragma omp parallel for schedule(static) if (fd[2] >= 9)
       for (int z = 0; z < fd[2]; ++z)
         for (int y = 0; y < fd[1]; ++y)
           for (int x = 0; x < fd[0]; ++x) {
-            const double q[3] = {(x + 0.5) * ratio[0] - 0.5, (y + 0.5) * ratio[1] - 0.5, (z + 0.5) * ratio[2] - 0.5};
-            const Interpolation::Stencil st = Interpolation::stencil(q, cd, nearest);
+            Interpolation::Stencil st;
+            for (int k = 0; k < 3; ++k) {
+              const Interpolation::Stencil& a = axes[k][static_cast<size_t>(k == 0 ? x : (k == 1 ? y : z))];
+              st.i0[k] = a.i0[k];
+              st.i1[k] = a.i1[k];
+              st.f[k] = a.f[k];
+            }
             for (int c = 0; c < C; ++c) {
               const double acc = Interpolation::interpolate(st, [&](int cx, int cy, int cz) {
                 return static_cast<double>(p[((static_cast<size_t>(cz) * cd[1] + cy) * cd[0] + cx) * IC + c]);

@@ -14,14 +14,18 @@ struct Stencil {
   double f[3];
 };
 
+// One axis of a stencil: the corners round position p on an axis of `size` voxels, and the
+// weight of the upper one.
+inline void axisStencil(double p, int size, bool nearest, int& i0, int& i1, double& f) {
+  const double c = std::clamp(p, 0.0, static_cast<double>(size - 1));
+  i0 = nearest ? static_cast<int>(std::lround(c)) : static_cast<int>(std::floor(c));
+  i1 = std::min(i0 + 1, size - 1);
+  f = nearest ? 0.0 : c - i0;
+}
+
 inline Stencil stencil(const double p[3], const Eigen::Vector3i& dims, bool nearest = false) {
   Stencil s;
-  for (int k = 0; k < 3; ++k) {
-    const double c = std::clamp(p[k], 0.0, static_cast<double>(dims[k] - 1));
-    s.i0[k] = nearest ? static_cast<int>(std::lround(c)) : static_cast<int>(std::floor(c));
-    s.i1[k] = std::min(s.i0[k] + 1, dims[k] - 1);
-    s.f[k] = nearest ? 0.0 : c - s.i0[k];
-  }
+  for (int k = 0; k < 3; ++k) axisStencil(p[k], dims[k], nearest, s.i0[k], s.i1[k], s.f[k]);
   return s;
 }
 
