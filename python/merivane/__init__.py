@@ -92,6 +92,7 @@ def _image_repr(self):
     return f"<merivane.Image{name} {kind} {a.shape} {a.dtype}, spacing {self.spacing}{frames}>"
 
 
+Data.__repr__ = lambda self: f"<merivane.{type(self).__name__} {self.describe()}>"
 Image.labels = property(_labels, _set_labels)
 Image.__array__ = _image_array
 Image.__repr__ = _image_repr
@@ -147,12 +148,13 @@ def write(data, path, *, spacing=None, matrix=None, labels=None, shift=None, sca
     extension. spacing, matrix, labels, shift and scale override the image's own for this
     file. The file appears complete or not at all. Raises OSError naming the file."""
     path = os.fspath(path)
-    if not isinstance(data, (Mesh, PointSet)):
+    if not isinstance(data, Data) or isinstance(data, Image):
         data = _as_image(data, spacing=spacing, matrix=matrix, labels=labels, shift=shift, scale=scale)
         if data.frames != 1:
             raise ValueError(f"merivane: {path}: an image file holds one frame; write img.frame(i) for each")
     elif any(v is not None for v in (spacing, matrix, labels, shift, scale)):
         raise TypeError("merivane: spacing, matrix, labels, shift and scale apply to images only")
+    # Other data without a file format are refused by the writer, naming the file.
     error = _merivane._write(data, path, bool(compress))
     if error:
         raise _file_error(error, path)

@@ -720,8 +720,7 @@ PYBIND11_MODULE(_merivane, m) {
       .def_property_readonly(
           "kind", [](const PyData& d) { return kindName(d.data->kind()); },
           "'image', 'volume', 'image set', 'volume set', 'mesh', 'point set', ...")
-      .def("describe", [](const PyData& d) { return d.data->describe(); })
-      .def("__repr__", [](const PyData& d) { return "<merivane." + std::string(kindName(d.data->kind())) + " " + d.data->describe() + ">"; });
+      .def("describe", [](const PyData& d) { return d.data->describe(); });
 
   py::class_<PyImage, PyData>(m, "Image")
       .def(py::init(&makeImage), "array"_a, py::kw_only(), "spacing"_a = py::none(), "matrix"_a = py::none(),
