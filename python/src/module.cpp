@@ -164,7 +164,12 @@ struct ReleaseNumpyOwner {
   PyObject* owner;
   void operator()(MemImage* image) const {
     delete image;
-    if (!Py_IsInitialized()) return;
+    // At exit the reference goes with the interpreter; taking the GIL then could block.
+#if PY_VERSION_HEX >= 0x030D0000
+    if (!Py_IsInitialized() || Py_IsFinalizing()) return;
+#else
+    if (!Py_IsInitialized() || _Py_IsFinalizing()) return;
+#endif
     py::gil_scoped_acquire gil;
     Py_DECREF(owner);
   }
@@ -571,10 +576,12 @@ class HeapTuning {
 };
 
 std::mutex g_runMutex;  // one run at a time: each run already uses every core
+thread_local bool t_inRun = false;  // a progress callback must not start a run of its own
 
 // (exit code, status, message, [outputs]); raises what the progress callback or Ctrl-C raised.
 py::tuple runAlgorithm(const std::string& name, const std::vector<PyData*>& inputs,
                        const std::map<std::string, std::string>& params, py::object callback) {
+  if (t_inRun) throw std::runtime_error("merivane: run cannot be called from a progress callback");
   ensurePlugin();
   Cli::RunOptions options;
   options.algorithm = name;
@@ -618,6 +625,10 @@ py::tuple runAlgorithm(const std::string& name, const std::vector<PyData*>& inpu
   };
 
   {
+    t_inRun = true;
+    struct Leave {
+      ~Leave() { t_inRun = false; }
+    } leave;
     py::gil_scoped_release release;
     std::lock_guard runLock(g_runMutex);
     HeapTuning heap;

@@ -168,3 +168,32 @@ def test_inputs_the_algorithm_does_not_accept_raise_value_error():
 def test_unreadable_input_path_raises_os_error(tmp_path):
     with pytest.raises(FileNotFoundError):
         merivane.run(GRAPH, [tmp_path / "nothing.nii", tmp_path / "seeds.nii"])
+
+
+def test_runs_from_several_threads_equal_a_single_run():
+    image, seeds = phantom()
+    (reference,) = merivane.run(GRAPH, [image, merivane.Image(seeds.copy(), label_map=True)],
+                                {"Export Probability": True})
+    results = [None] * 4
+
+    def work(k):
+        (results[k],) = merivane.run(GRAPH, [image, merivane.Image(seeds.copy(), label_map=True)],
+                                     {"Export Probability": True})
+
+    threads = [threading.Thread(target=work, args=(k,)) for k in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    for r in results:
+        np.testing.assert_array_equal(r.array, reference.array)
+
+
+def test_a_run_cannot_start_from_its_own_progress_callback():
+    image, seeds = phantom((40, 48, 56))
+
+    def nested(fraction, task):
+        merivane.run(GRAPH, [image, merivane.Image(seeds.copy(), label_map=True)])
+
+    with pytest.raises(RuntimeError, match="progress callback"):
+        merivane.run(GRAPH, [image, merivane.Image(seeds.copy(), label_map=True)], progress=nested)
