@@ -140,23 +140,8 @@ std::unique_ptr<PyData> wrap(std::shared_ptr<Data> d) {
   return w;
 }
 
-py::object toPython(std::shared_ptr<Data> d) {
-  std::unique_ptr<PyData> w = wrap(std::move(d));
-  // Cast by the most derived wrapper, so that Python sees an Image, a Mesh, ...
-  if (auto* i = dynamic_cast<PyImage*>(w.get())) {
-    w.release();
-    return py::cast(std::unique_ptr<PyImage>(i));
-  }
-  if (auto* m = dynamic_cast<PyMesh*>(w.get())) {
-    w.release();
-    return py::cast(std::unique_ptr<PyMesh>(m));
-  }
-  if (auto* p = dynamic_cast<PyPointSet*>(w.get())) {
-    w.release();
-    return py::cast(std::unique_ptr<PyPointSet>(p));
-  }
-  return py::cast(std::move(w));
-}
+// PyData is polymorphic, so pybind11 hands Python the most derived wrapper: Image, Mesh, ...
+py::object toPython(std::shared_ptr<Data> d) { return py::cast(wrap(std::move(d))); }
 
 // The C++ image that borrows a NumPy buffer holds a reference on its owner, given back when
 // the image goes (on whichever thread that happens).
