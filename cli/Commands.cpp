@@ -80,38 +80,6 @@ std::string normaliseExtension(std::string ext) {
   return ext;
 }
 
-// Small stand-in inputs for creating an algorithm only to read its parameters.
-std::vector<std::vector<std::unique_ptr<SharedImageSet>>> probeLists() {
-  auto volume = [](PixelType t, Data::Modality m, const Eigen::Vector3i& dims) {
-    auto s = std::make_unique<SharedImageSet>(std::shared_ptr<Image>(MemImage::create(ImageDescriptor(t, dims, 1))));
-    if (m != Data::modalityAny) s->setModality(m);
-    if (m == Data::LABEL) s->components().getOrCreate<LabelDataComponent>(s.get());
-    return s;
-  };
-  std::vector<std::vector<std::unique_ptr<SharedImageSet>>> lists;
-  for (const Eigen::Vector3i& dims : {Eigen::Vector3i(8, 8, 8), Eigen::Vector3i(8, 8, 1)}) {
-    for (Data::Modality m : {Data::CT, Data::MRI}) {
-      std::vector<std::unique_ptr<SharedImageSet>> a;
-      a.push_back(volume(F32, m, dims));
-      a.push_back(volume(U8, Data::LABEL, dims));
-      lists.push_back(std::move(a));
-      std::vector<std::unique_ptr<SharedImageSet>> b;
-      b.push_back(volume(F32, m, dims));
-      lists.push_back(std::move(b));
-    }
-    std::vector<std::unique_ptr<SharedImageSet>> c;
-    c.push_back(volume(U8, Data::LABEL, dims));
-    lists.push_back(std::move(c));
-    std::vector<std::unique_ptr<SharedImageSet>> d;
-    d.push_back(volume(U8, Data::modalityAny, dims));
-    lists.push_back(std::move(d));
-    std::vector<std::unique_ptr<SharedImageSet>> e;
-    e.push_back(volume(U16, Data::modalityAny, dims));
-    lists.push_back(std::move(e));
-  }
-  return lists;
-}
-
 void printMatrix(const Eigen::Matrix4d& m) {
   for (int r = 0; r < 4; ++r)
     std::printf("  %s%12.6g %12.6g %12.6g %12.6g\n", r == 0 ? "matrix      " : "            ", m(r, 0), m(r, 1),
@@ -168,24 +136,17 @@ int commandParams(const std::vector<std::string>& args) {
   }
   // The inputs outlive the algorithm, which holds them by pointer.
   std::vector<std::unique_ptr<Data>> owned;
-  auto probes = probeLists();
-  std::unique_ptr<Algorithm> algorithm;
+  DataList list;
   if (!inputs.empty()) {
     std::string error;
     if (!readInputs(inputs, owned, &error)) {
       std::fprintf(stderr, "merivane: %s\n", error.c_str());
       return exitFileError;
     }
-    DataList list;
     for (auto& d : owned) list.add(d.get());
-    algorithm = FactoryRegistry::instantiateAlgorithm(id, list);
-  } else {
-    for (auto& probe : probes) {
-      DataList list;
-      for (auto& s : probe) list.add(s.get());
-      if ((algorithm = FactoryRegistry::instantiateAlgorithm(id, list))) break;
-    }
   }
+  std::vector<std::unique_ptr<Data>> standIns;
+  std::unique_ptr<Algorithm> algorithm = createForInspection(id, list, standIns);
   if (!algorithm) {
     std::fprintf(stderr, "merivane: %s could not be created on %s; give fitting inputs with --in\n", id.c_str(),
                  inputs.empty() ? "stand-in images" : "these inputs");

@@ -184,7 +184,53 @@ bool writeData(const Data& d, const fs::path& base, const RunOptions& options, c
   return true;
 }
 
+// Small stand-in inputs for creating an algorithm only to read its parameters.
+std::vector<std::vector<std::unique_ptr<SharedImageSet>>> probeLists() {
+  auto volume = [](PixelType t, Data::Modality m, const Eigen::Vector3i& dims) {
+    auto s = std::make_unique<SharedImageSet>(std::shared_ptr<Image>(MemImage::create(ImageDescriptor(t, dims, 1))));
+    if (m != Data::modalityAny) s->setModality(m);
+    if (m == Data::LABEL) s->components().getOrCreate<LabelDataComponent>(s.get());
+    return s;
+  };
+  std::vector<std::vector<std::unique_ptr<SharedImageSet>>> lists;
+  for (const Eigen::Vector3i& dims : {Eigen::Vector3i(8, 8, 8), Eigen::Vector3i(8, 8, 1)}) {
+    for (Data::Modality m : {Data::CT, Data::MRI}) {
+      std::vector<std::unique_ptr<SharedImageSet>> a;
+      a.push_back(volume(F32, m, dims));
+      a.push_back(volume(U8, Data::LABEL, dims));
+      lists.push_back(std::move(a));
+      std::vector<std::unique_ptr<SharedImageSet>> b;
+      b.push_back(volume(F32, m, dims));
+      lists.push_back(std::move(b));
+    }
+    std::vector<std::unique_ptr<SharedImageSet>> c;
+    c.push_back(volume(U8, Data::LABEL, dims));
+    lists.push_back(std::move(c));
+    std::vector<std::unique_ptr<SharedImageSet>> d;
+    d.push_back(volume(U8, Data::modalityAny, dims));
+    lists.push_back(std::move(d));
+    std::vector<std::unique_ptr<SharedImageSet>> e;
+    e.push_back(volume(U16, Data::modalityAny, dims));
+    lists.push_back(std::move(e));
+  }
+  return lists;
+}
+
 }  // namespace
+
+std::unique_ptr<Algorithm> createForInspection(const std::string& id, const DataList& inputs,
+                                               std::vector<std::unique_ptr<Data>>& standIns) {
+  if (!inputs.empty()) return FactoryRegistry::instantiateAlgorithm(id, inputs);
+  for (auto& probe : probeLists()) {
+    DataList list;
+    for (auto& s : probe) list.add(s.get());
+    if (auto algorithm = FactoryRegistry::instantiateAlgorithm(id, list)) {
+      for (auto& s : probe) standIns.push_back(std::move(s));
+      return algorithm;
+    }
+  }
+  return nullptr;
+}
 
 std::string resolveAlgorithmName(const std::string& name) {
   if (FactoryRegistry::descriptor(name)) return name;
@@ -223,7 +269,7 @@ RunResult runOnData(const RunOptions& options, const DataList& inputs, const std
   auto fail = [&](int code, std::string message) {
     result.exitCode = code;
     result.message = std::move(message);
-    return result;
+    return std::move(result);
   };
   const std::string id = resolveAlgorithmName(options.algorithm);
   if (id.empty()) return fail(exitNotApplicable, "unknown algorithm '" + options.algorithm + "' (see merivane list)");
@@ -286,6 +332,11 @@ RunResult runOnData(const RunOptions& options, const DataList& inputs, const std
 
   OwningDataList output = algorithm->takeOutput();
   std::vector<std::unique_ptr<Data>> items = output.release();
+  if (!options.writeOutputs) {
+    for (auto& item : items)
+      if (item) result.outputs.push_back(std::move(item));
+    return result;
+  }
   std::string error;
   std::set<std::string> used;
   auto uniqueBase = [&](std::string name) {

@@ -12,6 +12,7 @@
 #include "Properties.h"
 
 namespace Merivane {
+class Algorithm;
 class Progress;
 }
 
@@ -39,6 +40,9 @@ struct RunOptions {
   bool writeInputs = false;     // also write inputs that the algorithm changed in place
   std::string imageExtension;   // ".nrrd", ".nii.gz", ...; empty: that of the first input, else ".nrrd"
   std::string meshExtension = ".ply";
+  // False hands the outputs back in RunResult::outputs instead of writing them (programs that
+  // keep working on them in memory); writeInputs is then ignored.
+  bool writeOutputs = true;
 };
 
 struct RunResult {
@@ -46,6 +50,7 @@ struct RunResult {
   int status = -1;                   // the algorithm's status, -1 before compute
   std::string message;               // why it failed, for stderr
   std::vector<std::string> written;  // paths of the files written, in order
+  std::vector<std::unique_ptr<Data>> outputs;  // what takeOutput() gave, when not written
 };
 
 // Reads images (as label maps when their header marks them, or when asked) and meshes.
@@ -63,5 +68,11 @@ RunResult runAlgorithm(const RunOptions& options, const std::vector<InputFile>& 
 
 // The factory name with its prefix, or empty if no registered algorithm has it.
 std::string resolveAlgorithmName(const std::string& name);
+
+// Creates algorithm `id` only to read its parameters: on `inputs` when there are any, else on
+// the first of a few small stand-in image lists that it accepts (kept alive in `standIns`,
+// which must outlive the algorithm). Null when none fits.
+std::unique_ptr<Algorithm> createForInspection(const std::string& id, const DataList& inputs,
+                                               std::vector<std::unique_ptr<Data>>& standIns);
 
 }  // namespace Merivane::Cli

@@ -19,6 +19,7 @@ packages=(
   clang libclang-rt-dev libomp-dev
   xvfb xauth            # the window's end-to-end test runs under a virtual X server
   mricron-data          # the demo brain (Colin27 T1) that the demo and that test open
+  pybind11-dev python3-dev python3-numpy python3-pytest   # the Python package merivane
 )
 
 missing=()
@@ -48,3 +49,15 @@ if [ ! -f "$dir/build.ninja" ]; then
   cmake -S . -B "$dir" -G Ninja "${extra[@]}"
 fi
 cmake --build "$dir" -j "$(nproc)"
+
+# The release build makes the Python package importable system-wide: a .pth file in the
+# interpreter's site-packages names build/python, where the build puts merivane.
+if [ "$preset" = release ] && [ -d "$dir/python/merivane" ]; then
+  # The interpreter the module was built for (Debian's, whose numpy it uses).
+  python=$(sed -n 's/^Python3_EXECUTABLE:[A-Z]*=//p' "$dir/CMakeCache.txt")
+  python=${python:-python3}
+  site=$("$python" -c 'import site; print(site.getsitepackages()[0])')
+  mkdir -p "$site"
+  echo "$(cd "$dir/python" && pwd)" > "$site/merivane.pth"
+  "$python" -c 'import merivane' && echo "setup: merivane importable by $python ($site/merivane.pth)"
+fi

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "../io/IoTestUtil.h"
@@ -49,6 +51,36 @@ TEST_F(RunnerTest, ChangedInputsAreWrittenOnlyWhenChanged) {
   const auto r2 = Cli::runOnData(options, DataList{image.get()}, {}, nullptr, nullptr);
   ASSERT_EQ(r2.exitCode, Cli::exitSuccess) << r2.message;
   EXPECT_EQ(r2.written, std::vector<std::string>{dir.file("out2/Label_Map.mha")});
+}
+
+TEST_F(RunnerTest, OutputsKeptInMemoryAreTheOnesThatWouldBeWritten) {
+  TestKit::ScratchDir dir;
+  TestKit::LogCapture log;
+  auto image = TestKit::makeImage<float>({3, 4, 2}, [](int x, int y, int z) { return x + y + z; });
+  Cli::RunOptions options;
+  options.algorithm = "MakeCompatibleLabelMap";
+  options.outDir = dir.file("kept");
+  options.writeOutputs = false;
+  options.writeInputs = true;  // ignored when the outputs stay in memory
+  const auto kept = Cli::runOnData(options, DataList{image.get()}, {}, nullptr, nullptr);
+  ASSERT_EQ(kept.exitCode, Cli::exitSuccess) << kept.message;
+  EXPECT_TRUE(kept.written.empty());
+  EXPECT_TRUE(std::filesystem::is_empty(dir.file("kept")));
+  ASSERT_EQ(kept.outputs.size(), 1u);
+
+  options.outDir = dir.file("written");
+  options.writeOutputs = true;
+  options.imageExtension = ".nrrd";
+  const auto written = Cli::runOnData(options, DataList{image.get()}, {}, nullptr, nullptr);
+  ASSERT_EQ(written.written.size(), 1u);
+  std::string error;
+  auto back = IO::readImage(written.written[0], &error);
+  ASSERT_TRUE(back) << error;
+  const SharedImageSet* mem = kept.outputs[0]->asImageSet();
+  ASSERT_TRUE(mem);
+  EXPECT_EQ(mem->modality(), back->modality());
+  ASSERT_EQ(mem->mem(0)->byteSize(), back->mem(0)->byteSize());
+  EXPECT_EQ(std::memcmp(mem->mem(0)->data(), back->mem(0)->data(), back->mem(0)->byteSize()), 0);
 }
 
 TEST_F(RunnerTest, UnknownSettingIsReportedAndStatusFailureNamesTheLogLine) {
