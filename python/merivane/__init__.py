@@ -1,0 +1,1 @@
+"""merivane: Python tools around the merivane segmentation program."""
