@@ -51,6 +51,8 @@ const char* const kBatchHelp =
     "  --jobs N            cases run at the same time (default: the number of cores)\n"
     "  --scheduler ADDRESS run on a Dask cluster (tcp://host:8786, or local[:N] for a cluster\n"
     "                      of N workers on this machine) through python3 -m merivane.batch\n"
+    "  --merivane PATH     the program each case runs as PATH run ... (default: this one); a\n"
+    "                      wrapper script ending in exec merivane \"$@\" can add a launcher\n"
     "  --dry-run           check the table and the parameters, print the plan as CSV\n"
     "                      (case,state,arguments of run) and run nothing\n"
     "  --set KEY=VALUE, --config FILE, --format EXT, --mesh-format EXT, --write-inputs\n"
@@ -186,6 +188,7 @@ struct BatchOptions {
   std::string outDir;
   int jobs = 0;
   std::string scheduler;
+  std::string program;  // what each case runs; empty: this program
   bool dryRun = false;
   std::vector<std::string> forwarded;  // run's own options, in the order given
   Properties configuration;            // what --config and --set give, for the parameter check
@@ -694,6 +697,7 @@ int commandBatch(const std::vector<std::string>& args, const std::string& plugin
     else if ((a == "--in" || a == "--in-labels") && hasValue) options.templates.push_back({args[++i], a == "--in-labels"});
     else if (a == "--out" && hasValue) options.outDir = args[++i];
     else if (a == "--scheduler" && hasValue) options.scheduler = args[++i];
+    else if (a == "--merivane" && hasValue) options.program = fs::absolute(args[++i]).string();
     else if (a == "--dry-run") options.dryRun = true;
     else if (a == "--jobs" && hasValue) {
       const std::string v = args[++i];
@@ -783,9 +787,9 @@ int commandBatch(const std::vector<std::string>& args, const std::string& plugin
     std::fputs(IO::csvText({"case", "state", "arguments"}, rows, ',').c_str(), stdout);
     return exitSuccess;
   }
-  const std::string self = programPath(program);
-  if (!options.scheduler.empty()) return runOnCluster(args, pluginPath, self);
-  return runLocally(id, cases, options, pluginPath, self, showProgress);
+  const std::string runs = options.program.empty() ? programPath(program) : options.program;
+  if (!options.scheduler.empty()) return runOnCluster(args, pluginPath, runs);
+  return runLocally(id, cases, options, pluginPath, runs, showProgress);
 }
 
 }  // namespace Merivane::Cli

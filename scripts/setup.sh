@@ -19,6 +19,7 @@ packages=(
   clang libclang-rt-dev libomp-dev
   xvfb xauth            # the window's end-to-end test runs under a virtual X server
   mricron-data          # the demo brain (Colin27 T1) that the demo and that test open
+  python3-distributed python3-dask python3-pytest   # merivane batch --scheduler and its test
 )
 
 missing=()

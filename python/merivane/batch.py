@@ -421,6 +421,8 @@ def run(argv: Sequence[str], quiet: bool = False) -> int:
         print(f"merivane.batch: {scheduler}: {e}", file=sys.stderr)
         return EXIT_FAILED
 
+    # A run whose worker died leaves its temporary folder behind.
+    _remove_leftovers(out)
     ordered = []
     for name, _, _ in cases:
         ordered.append(results.get(name) or CaseResult(name, "failed", EXIT_CANCELED, 0.0,
