@@ -75,7 +75,7 @@ def main() -> int:
             return 1
 
         start = time.perf_counter()
-        cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, processes=True, dashboard_address=None)
+        cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, processes=True, dashboard_address=":0")
         client = Client(cluster)
         startup = time.perf_counter() - start
         try:

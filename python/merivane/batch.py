@@ -289,7 +289,7 @@ def _run_on_dask(cases, out: Path, scheduler: str, merivane, plugin, report):
     cluster = None
     if scheduler == "local" or scheduler.startswith("local:"):
         workers = int(scheduler.partition(":")[2] or os.cpu_count() or 1)
-        cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None)
+        cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0")
         scheduler = cluster.scheduler_address
     results = {}
     try:

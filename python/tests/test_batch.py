@@ -105,7 +105,7 @@ def test_cluster_worker_killed_mid_run_still_completes_every_case_once(tmp_path)
     program = counting_program(tmp_path, delay=1.0)
     out = tmp_path / "out"
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
-                                  dashboard_address=None) as cluster, distributed.Client(cluster) as client:
+                                  dashboard_address=":0") as cluster, distributed.Client(cluster) as client:
         workers = set(client.run(os.getpid).values())
         codes = []
         runner = threading.Thread(target=lambda: codes.append(batch.run(
