@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Batch.h"
 #include "Commands.h"
 #include "Demo.h"
 #include "ExtractionTools.h"
@@ -33,6 +34,9 @@ const char* kUsage =
     "  info FILE...         describe image and mesh files: size, type, spacing, matrix, labels\n"
     "  run NAME --in FILE... --out DIR\n"
     "                       run an algorithm on files and write its outputs into DIR\n"
+    "  batch NAME --cases TABLE.csv|PATTERN --out DIR\n"
+    "                       run an algorithm over a cohort, one process per case, locally or on a\n"
+    "                       Dask cluster (--scheduler), with a summary table; resumable\n"
     "  demo [--out DIR]     segment, measure and mesh the lateral ventricles of the Colin27 brain\n"
     "Each command takes --help.\n"
     "\n"
@@ -87,7 +91,7 @@ int main(int argc, char** argv) {
   const std::string command = args[0];
   const std::vector<std::string> rest(args.begin() + 1, args.end());
   if (command == "info") return Cli::commandInfo(rest);
-  if (command != "list" && command != "params" && command != "run" && command != "demo") {
+  if (command != "list" && command != "params" && command != "run" && command != "batch" && command != "demo") {
     std::fprintf(stderr, "merivane: unknown command '%s' (see merivane --help)\n", command.c_str());
     return Cli::exitUsage;
   }
@@ -107,5 +111,6 @@ int main(int argc, char** argv) {
   if (command == "list") return Cli::commandList(rest);
   if (command == "params") return Cli::commandParams(rest);
   if (command == "demo") return Cli::commandDemo(rest, argv[0], !quiet);
+  if (command == "batch") return Cli::commandBatch(rest, pluginPath, argv[0], !quiet);
   return Cli::commandRun(rest, !quiet);
 }

@@ -20,6 +20,7 @@ packages=(
   xvfb xauth            # the window's end-to-end test runs under a virtual X server
   mricron-data          # the demo brain (Colin27 T1) that the demo and that test open
   pybind11-dev python3-dev python3-numpy python3-pytest   # the Python package merivane
+  python3-distributed python3-dask  # merivane batch --scheduler and its test
 )
 
 missing=()
