@@ -23,6 +23,8 @@ except ImportError as _missing:
     _reason = str(_missing)
 
     def __getattr__(name):
+        if name.startswith("__") or name == "batch":  # submodules load as usual
+            raise AttributeError(name)
         raise ImportError(f"merivane.{name} needs the compiled module merivane._merivane, which did not load "
                           f"({_reason}); build the project with scripts/setup.sh")
 else:
