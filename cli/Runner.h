@@ -12,6 +12,7 @@
 #include "Properties.h"
 
 namespace Merivane {
+class DicomSeriesComponent;
 class Progress;
 }
 
@@ -30,6 +31,7 @@ enum ExitCode : int {
 struct InputFile {
   std::string path;
   bool asLabels = false;  // --in-labels: read as a label map whatever the header says
+  std::string series;     // --series: the DICOM series to read from a folder of several
 };
 
 struct RunOptions {
@@ -39,6 +41,9 @@ struct RunOptions {
   bool writeInputs = false;     // also write inputs that the algorithm changed in place
   std::string imageExtension;   // ".nrrd", ".nii.gz", ...; empty: that of the first input, else ".nrrd"
   std::string meshExtension = ".ply";
+  // The series that DICOM Segmentation outputs refer to; null: that of the first input read
+  // from DICOM, if any.
+  const DicomSeriesComponent* dicomReference = nullptr;
 };
 
 struct RunResult {
@@ -48,7 +53,8 @@ struct RunResult {
   std::vector<std::string> written;  // paths of the files written, in order
 };
 
-// Reads images (as label maps when their header marks them, or when asked) and meshes.
+// Reads images (as label maps when their header marks them, or when asked) and meshes. A DICOM
+// Segmentation object takes the grid of the last DICOM series read before it.
 // Appends to `owned`; returns false with `error` naming the file.
 bool readInputs(const std::vector<InputFile>& inputs, std::vector<std::unique_ptr<Data>>& owned, std::string* error);
 
