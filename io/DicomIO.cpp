@@ -795,7 +795,8 @@ bool writeDicomSegmentation(const SharedImageSet& labels, const std::string& pat
       if (value > 0 && value < 256) configs[value] = config;
   for (int v = 1; v < 256; ++v)
     if (counts[static_cast<size_t>(v)] && !configs.count(v)) configs[v] = LabelDataComponent::defaultLabelConfig(v);
-  if (configs.empty()) return fail("the label map has no labels to write");
+  // The object needs a segment; an empty label map gets one without voxels.
+  if (configs.empty()) configs[1] = LabelDataComponent::defaultLabelConfig(1);
 
   try {
     const Uint16 rows = static_cast<Uint16>(d.height()), columns = static_cast<Uint16>(d.width());

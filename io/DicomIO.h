@@ -49,7 +49,8 @@ bool listDicomSeries(const std::string& path, std::vector<DicomSeriesInfo>& seri
 std::unique_ptr<SharedImageSet> readDicomSeries(const std::string& path, const std::string& seriesUid = "",
                                                 std::string* error = nullptr);
 
-// Writes a label map (one frame, U8) as a binary Segmentation object. `reference` (or else
+// Writes a label map (one frame, U8) as a binary Segmentation object; one without labels gets
+// an empty segment for label 1, as the object needs one. `reference` (or else
 // the label map's own DicomSeriesComponent) names the source series; null writes a standalone
 // object.
 bool writeDicomSegmentation(const SharedImageSet& labels, const std::string& path,
