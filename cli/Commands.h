@@ -11,6 +11,10 @@ int commandParams(const std::vector<std::string>& args);
 int commandInfo(const std::vector<std::string>& args);
 int commandRun(const std::vector<std::string>& args, bool showProgress);
 
+// Empty, or the usage error for a DICOM folder of several series read without --series
+// (it lists them).
+std::string checkSeriesChoice(const std::string& path, const std::string& series);
+
 // Usage texts, printed by --help.
 extern const char* const kListHelp;
 extern const char* const kParamsHelp;

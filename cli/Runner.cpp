@@ -6,6 +6,8 @@
 #include <set>
 
 #include "Algorithm.h"
+#include "DicomIO.h"
+#include "DicomSeriesComponent.h"
 #include "FactoryRegistry.h"
 #include "FiducialFile.h"
 #include "ImageIO.h"
@@ -88,9 +90,16 @@ std::string defaultName(const Data& d) {
   return "output";
 }
 
-// Picks an extension that can hold the image: PNG takes 2D U8/U16 only.
+// Picks an extension that can hold the image: PNG takes 2D U8/U16 only, DICOM label maps only
+// (as Segmentation objects).
 std::string extensionFor(const SharedImageSet& s, const std::string& wanted) {
   const MemImage* m = s.mem(0);
+  if (wanted == ".dcm" || wanted == ".seg.dcm") {
+    const bool labelMap = s.modality() == Data::LABEL && m && m->type() == U8 && m->channels() == 1;
+    if (labelMap) return ".seg.dcm";
+    LOG_INFO("merivane", "'" << s.name() << "' is not a label map; written as .nrrd, not as DICOM");
+    return ".nrrd";
+  }
   if (wanted == ".png" && m) {
     const auto& d = m->descriptor();
     if (d.slices() > 1 || (d.pixelType != U8 && d.pixelType != U16) || d.channels > 4) return ".nrrd";
@@ -167,8 +176,13 @@ bool writeData(const Data& d, const fs::path& base, const RunOptions& options, c
     std::string path = base.string();
     if (s->size() > 1) path += "-" + std::to_string(i);
     path += ext;
+    IO::WriteOptions write;
+    write.dicomReference = options.dicomReference;
+    if (ext == ".seg.dcm" && !write.dicomReference && !s->components().get<DicomSeriesComponent>())
+      LOG_WARN("merivane", "no DICOM input series to refer to: " << fs::path(path).filename().string()
+                                                                 << " is a standalone segmentation in a study of its own");
     if (s->size() == 1) {
-      if (!IO::writeImage(*s, path, &error)) return false;
+      if (!IO::writeImage(*s, path, &error, write)) return false;
     } else {
       // One file per frame, each with the set's modality and labels.
       SharedImageSet frame;
@@ -177,7 +191,7 @@ bool writeData(const Data& d, const fs::path& base, const RunOptions& options, c
       frame.setName(s->name());
       if (auto* labels = s->components().get<LabelDataComponent>())
         frame.components().add(std::make_unique<LabelDataComponent>(*labels));
-      if (!IO::writeImage(frame, path, &error)) return false;
+      if (!IO::writeImage(frame, path, &error, write)) return false;
     }
     written.push_back(path);
   }
@@ -239,6 +253,7 @@ std::string resolveAlgorithmName(const std::string& name) {
 }
 
 bool readInputs(const std::vector<InputFile>& inputs, std::vector<std::unique_ptr<Data>>& owned, std::string* error) {
+  const SharedImageSet* dicomSeries = nullptr;  // the grid for Segmentation objects that follow
   for (const auto& in : inputs) {
     if (IO::isPointSetPath(in.path) && !in.asLabels) {
       auto points = IO::readPointSet(in.path, error);
@@ -252,8 +267,17 @@ bool readInputs(const std::vector<InputFile>& inputs, std::vector<std::unique_pt
       owned.push_back(std::move(mesh));
       continue;
     }
-    auto image = IO::readImage(in.path, error);
+    std::unique_ptr<SharedImageSet> image;
+    if (IO::imageFormatOf(in.path) == IO::ImageFormat::Dicom) {
+      image = IO::readDicomSeries(in.path, in.series, error);
+      std::error_code ec;
+      if (image && image->modality() == Data::LABEL && dicomSeries && fs::is_regular_file(in.path, ec))
+        image = IO::readDicomSegmentation(in.path, dicomSeries, error);
+    } else {
+      image = IO::readImage(in.path, error);
+    }
     if (!image) return false;
+    if (image->modality() != Data::LABEL && image->components().get<DicomSeriesComponent>()) dicomSeries = image.get();
     if (in.asLabels && image->modality() != Data::LABEL && !IO::markAsLabelMap(*image, error)) {
       if (error) *error = fs::path(in.path).filename().string() + ": " + *error;
       return false;
@@ -347,6 +371,11 @@ RunResult runOnData(const RunOptions& options, const DataList& inputs, const std
     return fs::path(options.outDir.empty() ? "." : options.outDir) / candidate;
   };
   RunOptions writeOptions = options;
+  // Segmentation objects refer to the first input read from a DICOM series.
+  if (!writeOptions.dicomReference)
+    for (Data* d : inputs.items())
+      if (const SharedImageSet* s = d ? d->asImageSet() : nullptr)
+        if ((writeOptions.dicomReference = s->components().get<DicomSeriesComponent>())) break;
   if (writeOptions.imageExtension.empty()) {
     for (const std::string& n : inputNames) {
       const std::string ext = IO::imageExtensionOf(n);

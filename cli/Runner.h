@@ -13,6 +13,7 @@
 
 namespace Merivane {
 class Algorithm;
+class DicomSeriesComponent;
 class Progress;
 }
 
@@ -31,6 +32,7 @@ enum ExitCode : int {
 struct InputFile {
   std::string path;
   bool asLabels = false;  // --in-labels: read as a label map whatever the header says
+  std::string series;     // --series: the DICOM series to read from a folder of several
 };
 
 struct RunOptions {
@@ -43,6 +45,9 @@ struct RunOptions {
   // False hands the outputs back in RunResult::outputs instead of writing them (programs that
   // keep working on them in memory); writeInputs is then ignored.
   bool writeOutputs = true;
+  // The series that DICOM Segmentation outputs refer to; null: that of the first input read
+  // from DICOM, if any.
+  const DicomSeriesComponent* dicomReference = nullptr;
 };
 
 struct RunResult {
@@ -53,7 +58,8 @@ struct RunResult {
   std::vector<std::unique_ptr<Data>> outputs;  // what takeOutput() gave, when not written
 };
 
-// Reads images (as label maps when their header marks them, or when asked) and meshes.
+// Reads images (as label maps when their header marks them, or when asked) and meshes. A DICOM
+// Segmentation object takes the grid of the last DICOM series read before it.
 // Appends to `owned`; returns false with `error` naming the file.
 bool readInputs(const std::vector<InputFile>& inputs, std::vector<std::unique_ptr<Data>>& owned, std::string* error);
 

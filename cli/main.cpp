@@ -31,7 +31,8 @@ const char* kUsage =
     "Commands:\n"
     "  list                 list the registered algorithms with their factory names and menu paths\n"
     "  params NAME          show the parameters of an algorithm with their values and defaults\n"
-    "  info FILE...         describe image and mesh files: size, type, spacing, matrix, labels\n"
+    "  info FILE...         describe image and mesh files: size, type, spacing, matrix, labels;\n"
+    "                       list the series of a DICOM folder\n"
     "  run NAME --in FILE... --out DIR\n"
     "                       run an algorithm on files and write its outputs into DIR\n"
     "  batch NAME --cases TABLE.csv|PATTERN --out DIR\n"
@@ -48,7 +49,8 @@ const char* kUsage =
     "  -h, --help           show this text\n"
     "\n"
     "Log lines go to stderr as [LEVEL] category: message. Images: .nii .nii.gz .nrrd .nhdr .mha\n"
-    ".mhd .png; meshes: .ply .stl .obj; world coordinates are LPS millimetres.\n";
+    ".mhd .png, DICOM folders and .dcm files (label maps written as .seg.dcm Segmentation\n"
+    "objects); meshes: .ply .stl .obj; world coordinates are LPS millimetres.\n";
 
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "DicomIO.h"
 #include "ImageFormats.h"
 #include "InputChecks.h"
 #include "IoUtil.h"
@@ -17,7 +18,7 @@ using namespace detail;
 
 std::string imageExtensionOf(const std::string& path) {
   const std::string p = toLower(path);
-  for (const char* ext : {".nii.gz", ".nii", ".nrrd", ".nhdr", ".mha", ".mhd", ".png"})
+  for (const char* ext : {".nii.gz", ".nii", ".nrrd", ".nhdr", ".mha", ".mhd", ".png", ".seg.dcm", ".dcm"})
     if (endsWith(p, ext)) return ext;
   return "";
 }
@@ -28,10 +29,15 @@ ImageFormat imageFormatOf(const std::string& path) {
   if (ext == ".nrrd" || ext == ".nhdr") return ImageFormat::Nrrd;
   if (ext == ".mha" || ext == ".mhd") return ImageFormat::MetaImage;
   if (ext == ".png") return ImageFormat::Png;
+  if (ext == ".seg.dcm" || ext == ".dcm") return ImageFormat::Dicom;
+  std::error_code ec;
+  if (ext.empty() && (std::filesystem::is_directory(path, ec) || isDicomPath(path))) return ImageFormat::Dicom;
   return ImageFormat::Unknown;
 }
 
 std::unique_ptr<SharedImageSet> readImage(const std::string& path, std::string* error) {
+  // A folder is a DICOM series; the DICOM reader names its own problems.
+  if (imageFormatOf(path) == ImageFormat::Dicom) return readDicomSeries(path, "", error);
   if (const std::string why = whyNotReadable(path); !why.empty()) {
     if (error) *error = baseName(path) + ": " + why;
     return nullptr;
@@ -42,6 +48,7 @@ std::unique_ptr<SharedImageSet> readImage(const std::string& path, std::string* 
       case ImageFormat::Nrrd: return readNrrd(path, error);
       case ImageFormat::MetaImage: return readMetaImage(path, error);
       case ImageFormat::Png: return readPng(path, error);
+      case ImageFormat::Dicom:
       case ImageFormat::Unknown: break;
     }
   } catch (const std::bad_alloc&) {
@@ -51,7 +58,7 @@ std::unique_ptr<SharedImageSet> readImage(const std::string& path, std::string* 
     if (error) *error = baseName(path) + ": " + e.what();
     return nullptr;
   }
-  if (error) *error = baseName(path) + ": unsupported file type (known: .nii, .nii.gz, .nrrd, .nhdr, .mha, .mhd, .png)";
+  if (error) *error = baseName(path) + ": unsupported file type (known: .nii, .nii.gz, .nrrd, .nhdr, .mha, .mhd, .png, .dcm or a DICOM folder)";
   return nullptr;
 }
 
@@ -68,6 +75,7 @@ bool writeImage(const SharedImageSet& image, const std::string& path, std::strin
       case ImageFormat::Nrrd: return writeNrrd(image, path, error, options);
       case ImageFormat::MetaImage: return writeMetaImage(image, path, error, options);
       case ImageFormat::Png: return writePng(image, path, error);
+      case ImageFormat::Dicom: return writeDicomSegmentation(image, path, options.dicomReference, error);
       case ImageFormat::Unknown: break;
     }
   } catch (const std::exception& e) {

@@ -14,6 +14,7 @@ packages=(
   libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri libepoxy-dev
   libviennacl-dev ocl-icd-opencl-dev opencl-headers pocl-opencl-icd
   libnifti2-dev zlib1g-dev libpng-dev
+  libdcmtk-dev          # DICOM series and Segmentation objects
   libfftw3-dev          # FFT convolution of the dose kernels
   libopenmesh-dev
   clang libclang-rt-dev libomp-dev
