@@ -19,7 +19,9 @@ __all__ = [
     "Mesh",
     "Parameter",
     "PointSet",
+    "DicomSeries",
     "algorithms",
+    "dicom_series",
     "parameters",
     "read",
     "run",
@@ -29,6 +31,8 @@ __all__ = [
 
 Label = collections.namedtuple("Label", "name color")
 Label.__doc__ = "Name and colour (r, g, b, a in 0..1) of a label value."
+DicomSeries = collections.namedtuple("DicomSeries", "uid modality description number width height slices files")
+DicomSeries.__doc__ = "An image series of a DICOM folder: its Series Instance UID, what it is, its size and files."
 AlgorithmInfo = collections.namedtuple("AlgorithmInfo", "name menu_path")
 AlgorithmInfo.__doc__ = "A registered algorithm: factory name and menu path."
 Parameter = collections.namedtuple("Parameter", "name value default text attributes")
@@ -97,17 +101,30 @@ def _file_error(message, path):
     return error
 
 
-def read(path, *, label_map=False):
+def read(path, *, label_map=False, series=None):
     """Reads an image, a mesh (.ply .stl .obj) or points (.csv) as the command line does.
 
-    Images: .nii .nii.gz .nrrd .nhdr .mha .mhd .png. An image whose header marks it as a
+    Images: .nii .nii.gz .nrrd .nhdr .mha .mhd .png, and DICOM: a folder or a file of a
+    series (``series`` picks one by its Series Instance UID where a folder holds several; see
+    dicom_series), or a Segmentation object (.seg.dcm). An image whose header marks it as a
     label map is one; ``label_map=True`` reads any one-channel image with whole values 0..255
     as a label map. Raises OSError (FileNotFoundError) naming the file."""
     path = os.fspath(path)
-    data, error = _merivane._read(path, bool(label_map))
+    data, error = _merivane._read(path, bool(label_map), series or "")
     if data is None:
         raise _file_error(error, path)
     return data
+
+
+def dicom_series(path):
+    """The image series of a DICOM folder (searched with its subfolders) or of one file, as
+    DicomSeries tuples ordered by series number. Raises OSError naming the folder when it holds
+    none."""
+    path = os.fspath(path)
+    found, error = _merivane._dicom_series(path)
+    if found is None:
+        raise _file_error(error, path)
+    return [DicomSeries(*s) for s in found]
 
 
 def _as_image(data, **geometry):

@@ -29,6 +29,7 @@
 #include "ExtractionTools.h"
 #include "FactoryRegistry.h"
 #include "FiducialFile.h"
+#include "DicomIO.h"
 #include "ImageIO.h"
 #include "LabelDataComponent.h"
 #include "Log.h"
@@ -392,16 +393,34 @@ const char* kindName(Data::Kind k) {
 // Files.
 
 // Returns the data read, or None with the error (naming the file) as second item.
-py::tuple readFile(const std::string& path, bool asLabels) {
+py::tuple readFile(const std::string& path, bool asLabels, const std::string& series) {
   std::vector<std::unique_ptr<Data>> owned;
   std::string error;
   bool ok;
   {
     py::gil_scoped_release release;
-    ok = Cli::readInputs({{path, asLabels}}, owned, &error);
+    ok = Cli::readInputs({{path, asLabels, series}}, owned, &error);
   }
   if (!ok || owned.empty()) return py::make_tuple(py::none(), error.empty() ? path + ": cannot be read" : error);
   return py::make_tuple(toPython(std::shared_ptr<Data>(std::move(owned.front()))), "");
+}
+
+// The image series of a DICOM folder or file as (uid, modality, description, number, width,
+// height, slices, files) tuples, or None with the error as second item.
+py::tuple dicomSeries(const std::string& path) {
+  std::vector<IO::DicomSeriesInfo> series;
+  std::string error;
+  bool ok;
+  {
+    py::gil_scoped_release release;
+    ok = IO::listDicomSeries(path, series, &error);
+  }
+  if (!ok) return py::make_tuple(py::none(), error.empty() ? path + ": no DICOM image series" : error);
+  py::list out;
+  for (const IO::DicomSeriesInfo& s : series)
+    out.append(py::make_tuple(s.seriesInstanceUid, s.modality, s.description, s.seriesNumber, s.width, s.height,
+                              s.slices, s.files));
+  return py::make_tuple(out, "");
 }
 
 // Returns an empty string on success, else the error naming the file.
@@ -801,7 +820,8 @@ PYBIND11_MODULE(_merivane, m) {
         return py::array_t<double>(static_cast<py::ssize_t>(radii->radii.size()), radii->radii.data());
       });
 
-  m.def("_read", &readFile, "path"_a, "as_labels"_a = false);
+  m.def("_read", &readFile, "path"_a, "as_labels"_a = false, "series"_a = "");
+  m.def("_dicom_series", &dicomSeries, "path"_a);
   m.def("_write", &writeFile, "data"_a, "path"_a, "compress"_a = true);
   m.def("_algorithms", &algorithmList);
   m.def("_parameters", &parameterList, "name"_a, "inputs"_a);

@@ -156,3 +156,31 @@ def test_write_overrides_do_not_change_the_image(tmp_path):
     merivane.write(img, tmp_path / "a.nrrd", spacing=(2, 3, 4))
     assert img.spacing == (1.0, 1.0, 1.0)
     assert merivane.read(tmp_path / "a.nrrd").spacing == (2.0, 3.0, 4.0)
+
+
+def test_label_map_round_trips_through_a_dicom_segmentation(tmp_path):
+    from conftest import rotation_matrix
+
+    values = np.zeros((4, 6, 7), np.uint8)
+    values[1:3, 2:5, 1:4] = 1
+    values[3, 0, :] = 9
+    labels = {1: ("Liver", (0.8, 0.2, 0.1, 1.0)), 9: ("Spleen", (0.1, 0.6, 0.9, 1.0))}
+    image = merivane.Image(values, labels=labels, spacing=(0.7, 0.8, 2.5), matrix=rotation_matrix())
+    path = tmp_path / "labels.seg.dcm"
+    merivane.write(image, path)
+    back = merivane.read(path)
+    assert back.is_label_map
+    np.testing.assert_array_equal(back.array, values)
+    np.testing.assert_allclose(back.spacing, (0.7, 0.8, 2.5), rtol=1e-5)
+    np.testing.assert_allclose(back.matrix, image.matrix, atol=1e-4)
+    for value, (name, colour) in labels.items():
+        assert back.labels[value].name == name
+        np.testing.assert_allclose(back.labels[value].color[:3], colour[:3], atol=2 / 255)
+
+
+def test_dicom_folders_without_series_are_refused_by_name(tmp_path):
+    (tmp_path / "notes.txt").write_text("not an image")
+    with pytest.raises(OSError, match=str(tmp_path)):
+        merivane.dicom_series(tmp_path)
+    with pytest.raises(OSError, match=str(tmp_path)):
+        merivane.read(tmp_path, series="1.2.3")
