@@ -3,7 +3,7 @@
 
     PYTHONPATH=python MERIVANE_EXE=build/bin/merivane python3 bench/batch_dask.py [--workers N]
 
-Writes a cohort of small phantoms (two flat halves with a seed in each, 64 x 64 x 32 by
+Writes a cohort of small phantoms (two flat halves with a seed in each, 256 x 256 x 64 by
 default), runs it once with `merivane batch --jobs 1` (serial) and once through
 merivane.batch on a LocalCluster of N single-threaded worker processes started beforehand,
 and reports the cluster's wall time against serial / N. Goal: at most 1.3 x (serial / N).
@@ -55,10 +55,13 @@ def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--cases", type=int, default=16)
     parser.add_argument("--workers", type=int, default=os.cpu_count() or 1)
-    parser.add_argument("--size", type=int, nargs=3, default=[64, 64, 32], metavar=("W", "H", "D"))
+    parser.add_argument("--size", type=int, nargs=3, default=[256, 256, 64], metavar=("W", "H", "D"))
     parser.add_argument("--algorithm", default="WatershedSegmentation")
-    parser.add_argument("--merivane", default=None, help="the program (default: $MERIVANE_EXE, then PATH)")
+    parser.add_argument("--merivane", default=None, help="the program (default: $MERIVANE_EXE, then build/bin/merivane, then PATH)")
     args = parser.parse_args()
+    built = Path(__file__).resolve().parents[1] / "build" / "bin" / "merivane"
+    if args.merivane is None and not os.environ.get("MERIVANE_EXE") and built.exists():
+        args.merivane = str(built)
     program = batch.find_merivane(args.merivane)
     from distributed import Client, LocalCluster
 
@@ -73,6 +76,13 @@ def main() -> int:
         if code != 0:
             print(f"serial batch failed with exit code {code}", file=sys.stderr)
             return 1
+
+        # The same cases side by side here, one process per case, for what the machine itself
+        # gives two runs at once.
+        start = time.perf_counter()
+        code = subprocess.run([program, "--quiet", "batch", *common, "--jobs", str(args.workers), "--out",
+                               str(root / "local")]).returncode
+        local = time.perf_counter() - start
 
         start = time.perf_counter()
         cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, processes=True, dashboard_address=":0")
@@ -95,6 +105,7 @@ def main() -> int:
         print(f"cases {args.cases} of {args.size[0]}x{args.size[1]}x{args.size[2]}, {args.algorithm}, "
               f"{args.workers} workers")
         print(f"serial (merivane batch --jobs 1)  {serial:8.2f} s  ({serial / args.cases * 1000:.0f} ms a case)")
+        print(f"local (--jobs {args.workers})                {local:8.2f} s  ({local / (serial / args.workers):.2f} x serial / workers)")
         print(f"cluster start-up                  {startup:8.2f} s  (not counted)")
         print(f"Dask cluster                      {clustered:8.2f} s")
         print(f"serial / workers                  {ideal:8.2f} s")

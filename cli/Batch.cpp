@@ -244,14 +244,28 @@ std::string programPath(const std::string& fallback) {
   return ec ? fallback : self.string();
 }
 
-// Starts `argv` with stdin from /dev/null and stdout and stderr into `log`; -1 on failure.
-pid_t spawn(const std::vector<std::string>& argv, const fs::path& log) {
+// This process's environment, with OMP_NUM_THREADS set to `threads` unless the user set it:
+// runs side by side share the cores instead of each starting a thread per core, which on a
+// busy machine makes every run wait at its barriers.
+std::vector<std::string> childEnvironment(int threads) {
+  std::vector<std::string> env;
+  for (char** e = environ; e && *e; ++e) env.emplace_back(*e);
+  if (threads > 0 && !std::getenv("OMP_NUM_THREADS")) env.push_back("OMP_NUM_THREADS=" + std::to_string(threads));
+  return env;
+}
+
+// Starts `argv` with stdin from /dev/null, stdout and stderr into `log`, and the environment
+// `env`; -1 on failure.
+pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, const fs::path& log) {
   const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return -1;
   const int nullFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   std::vector<char*> cargv;
   for (const std::string& s : argv) cargv.push_back(const_cast<char*>(s.c_str()));
   cargv.push_back(nullptr);
+  std::vector<char*> cenv;
+  for (const std::string& s : env) cenv.push_back(const_cast<char*>(s.c_str()));
+  cenv.push_back(nullptr);
   const pid_t parent = ::getpid();
   const pid_t pid = ::fork();
   if (pid == 0) {
@@ -261,7 +275,7 @@ pid_t spawn(const std::vector<std::string>& argv, const fs::path& log) {
     if (nullFd >= 0) ::dup2(nullFd, 0);
     ::dup2(fd, 1);
     ::dup2(fd, 2);
-    ::execv(cargv[0], cargv.data());
+    ::execve(cargv[0], cargv.data(), cenv.data());
     ::_exit(127);
   }
   ::close(fd);
@@ -377,7 +391,9 @@ int runLocally(const std::string& id, const std::vector<BatchCase>& cases, const
                    caseStatusName(r.status), r.seconds);
   };
 
-  const int jobs = options.jobs > 0 ? options.jobs : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  const int cores = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  const int jobs = options.jobs > 0 ? options.jobs : cores;
+  const std::vector<std::string> env = childEnvironment(std::max(1, cores / jobs));
   std::map<pid_t, Running> running;
   size_t next = 0;
   while (next < cases.size() || !running.empty()) {
@@ -409,7 +425,7 @@ int runLocally(const std::string& id, const std::vector<BatchCase>& cases, const
       for (std::string& a : runArguments(id, c, options)) argv.push_back(std::move(a));
       argv.push_back("--out");
       argv.push_back(tmp.string());
-      const pid_t pid = ec ? -1 : spawn(argv, tmp / "run.log");
+      const pid_t pid = ec ? -1 : spawn(argv, env, tmp / "run.log");
       if (pid < 0) {
         r = failure(out, c, exitFileError, 0.0,
                     "case '" + c.name + "': cannot start " + program + " in " + tmp.string() + " (" +

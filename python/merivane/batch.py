@@ -22,6 +22,7 @@ given does not exist on their machine.
 
 from __future__ import annotations
 
+import collections
 import concurrent.futures
 import csv
 import io
@@ -200,12 +201,28 @@ def _missing_input(name: str, arguments: Sequence[str]) -> str:
     return ""
 
 
+def _threads_for(share) -> int:
+    """Threads for one run: the cores of this machine shared among the runs beside it. `share`
+    is a count of runs side by side, or a dict of them per host (Dask workers per host)."""
+    if isinstance(share, dict):
+        try:
+            from distributed import get_worker
+
+            host = get_worker().address.split("://")[-1].rsplit(":", 1)[0]
+            share = share.get(host, 1)
+        except (ImportError, ValueError):
+            share = 1
+    return max(1, (os.cpu_count() or 1) // max(1, int(share or 1)))
+
+
 def run_case(name: str, arguments: Sequence[str], out_dir: str, merivane: Optional[str] = None,
-             plugin: Optional[str] = None, problem: str = "") -> CaseResult:
+             plugin: Optional[str] = None, problem: str = "", share=1) -> CaseResult:
     """Runs one case: `merivane run ARGUMENTS --out <temporary>`, then commits it as OUT/<name>/.
 
     Idempotent, and so safe for Dask to retry: a case already done returns its recorded result.
     `problem` is a reason found while planning (a missing input); the case then fails with it.
+    The run gets OMP_NUM_THREADS (unless set) from `share`, the runs beside it (see _threads_for),
+    so that runs side by side share the cores instead of fighting for them.
     Never raises for a failed run; the result says what went wrong.
     """
     out = Path(out_dir)
@@ -228,7 +245,10 @@ def run_case(name: str, arguments: Sequence[str], out_dir: str, merivane: Option
     try:
         tmp.mkdir(parents=True)
         with open(tmp / "run.log", "wb") as log:
-            code = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
+            env = None
+            if "OMP_NUM_THREADS" not in os.environ:
+                env = dict(os.environ, OMP_NUM_THREADS=str(_threads_for(share)))
+            code = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT, env=env,
                                   preexec_fn=_die_with_parent if sys.platform.startswith("linux") else None).returncode
     except OSError as e:
         shutil.rmtree(tmp, ignore_errors=True)
@@ -295,11 +315,12 @@ def _run_on_dask(cases, out: Path, scheduler: str, merivane, plugin, report):
     try:
         with Client(scheduler) as client:
             batch = uuid.uuid4().hex[:8]
+            per_host = collections.Counter(w.get("host") for w in client.scheduler_info()["workers"].values())
             futures = {}
             for name, state, arguments in cases:
                 problem = "" if state == "run" else state
                 # pure=False and a key of our own: a case is one task, whatever its arguments.
-                future = client.submit(run_case, name, arguments, str(out), merivane, plugin, problem,
+                future = client.submit(run_case, name, arguments, str(out), merivane, plugin, problem, dict(per_host),
                                        key=f"merivane-case-{name}-{batch}", pure=False, retries=1)
                 futures[future] = name
             for future in as_completed(futures):
@@ -320,7 +341,7 @@ def _run_here(cases, out: Path, jobs: int, merivane, plugin, report):
     results = {}
     with concurrent.futures.ThreadPoolExecutor(max_workers=jobs) as pool:
         futures = {pool.submit(run_case, name, arguments, str(out), merivane, plugin,
-                               "" if state == "run" else state): name
+                               "" if state == "run" else state, jobs): name
                    for name, state, arguments in cases}
         for future in concurrent.futures.as_completed(futures):
             results[futures[future]] = future.result()

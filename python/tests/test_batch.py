@@ -217,3 +217,35 @@ def test_unknown_algorithm_stops_before_any_case(tmp_path, capsys):
     assert batch.run(["NoSuchAlgorithm", "--cases", str(table), "--out", str(out)], quiet=True) == 4
     assert "NoSuchAlgorithm" in capsys.readouterr().err
     assert not out.exists()
+
+
+def threads_program(root: Path) -> Path:
+    """A merivane that logs "threads CASE $OMP_NUM_THREADS" for every case it runs."""
+    script = root / "threads-merivane.sh"
+    script.write_text(f"""#!/bin/sh
+for a in "$@"; do case "$a" in */image.nrrd) c=$(basename "$(dirname "$a")");; esac; done
+[ -n "$c" ] && echo "threads $c ${{OMP_NUM_THREADS:-unset}}" >> {root / "runs.log"}
+exec "{EXE}" "$@"
+""")
+    script.chmod(0o755)
+    return script
+
+
+# Runs side by side share the cores (one run per core with two jobs on two cores), so that
+# they do not each start a thread per core and wait at each other's barriers; a thread count
+# the user set stands.
+@pytest.mark.parametrize("runner", ["python", "cxx"])
+@pytest.mark.parametrize("jobs,preset", [(1, None), (2, None), (2, "3")])
+def test_runs_side_by_side_share_the_cores(tmp_path, monkeypatch, runner, jobs, preset):
+    table = cohort(tmp_path, ["a", "b"])
+    program = threads_program(tmp_path)
+    if preset is None:
+        monkeypatch.delenv("OMP_NUM_THREADS", raising=False)
+    else:
+        monkeypatch.setenv("OMP_NUM_THREADS", preset)
+    args = RUN + ["--cases", str(table), "--out", str(tmp_path / "out"), "--jobs", str(jobs),
+                  "--merivane", str(program)]
+    code = batch.run(args, quiet=True) if runner == "python" else run_cxx(args)
+    assert code == 0
+    expected = preset or str(max(1, (os.cpu_count() or 1) // jobs))
+    assert sorted(log_lines(tmp_path, "threads")) == [["a", expected], ["b", expected]]
