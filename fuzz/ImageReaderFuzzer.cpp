@@ -1,5 +1,5 @@
 // One image reader per build of this file: FUZZ_EXTENSION picks it (".nii", ".nrrd", ".mha",
-// ".png"). A NIfTI input that starts as gzip is read as ".nii.gz". Every input must come back
+// ".png", ".dcm": a DICOM slice, multi-frame image or Segmentation object). A NIfTI input that starts as gzip is read as ".nii.gz". Every input must come back
 // as an image or as null with one "FILE: problem" message; crashes, leaks and sanitizer
 // reports are the failures.
 #include <cstdint>

@@ -2,6 +2,8 @@
 //   make_fuzz_corpus fuzz/corpus
 // Small on purpose (a few hundred bytes each): the fuzzer mutates them, and coverage comes
 // from their variety (pixel types, compression, channels, label metadata), not their size.
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dctk.h>
 #include <Eigen/Geometry>
 #include <cstdio>
 #include <filesystem>
@@ -67,6 +69,35 @@ void write(const SharedImageSet& set, const fs::path& path, IO::WriteOptions opt
 
 void writeText(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
+// A 4 x 3 CT slice of 16 bits with rescale, position and orientation, as a scanner writes one.
+void writeCtSlice(const fs::path& path) {
+  DcmFileFormat ff;
+  DcmDataset& ds = *ff.getDataset();
+  ds.putAndInsertString(DCM_SOPClassUID, UID_CTImageStorage);
+  ds.putAndInsertString(DCM_SOPInstanceUID, "1.2.826.0.1.3680043.2.1125.9.1.1");
+  ds.putAndInsertString(DCM_StudyInstanceUID, "1.2.826.0.1.3680043.2.1125.9");
+  ds.putAndInsertString(DCM_SeriesInstanceUID, "1.2.826.0.1.3680043.2.1125.9.1");
+  ds.putAndInsertString(DCM_FrameOfReferenceUID, "1.2.826.0.1.3680043.2.1125.9.9");
+  ds.putAndInsertString(DCM_Modality, "CT");
+  ds.putAndInsertString(DCM_ImagePositionPatient, "-10\\20\\30");
+  ds.putAndInsertString(DCM_ImageOrientationPatient, "1\\0\\0\\0\\0.8\\-0.6");
+  ds.putAndInsertString(DCM_PixelSpacing, "0.5\\0.75");
+  ds.putAndInsertString(DCM_SliceThickness, "2");
+  ds.putAndInsertString(DCM_RescaleSlope, "2");
+  ds.putAndInsertString(DCM_RescaleIntercept, "-1024");
+  ds.putAndInsertUint16(DCM_Rows, 3);
+  ds.putAndInsertUint16(DCM_Columns, 4);
+  ds.putAndInsertUint16(DCM_SamplesPerPixel, 1);
+  ds.putAndInsertString(DCM_PhotometricInterpretation, "MONOCHROME2");
+  ds.putAndInsertUint16(DCM_BitsAllocated, 16);
+  ds.putAndInsertUint16(DCM_BitsStored, 12);
+  ds.putAndInsertUint16(DCM_HighBit, 11);
+  ds.putAndInsertUint16(DCM_PixelRepresentation, 0);
+  const Uint16 pixels[12] = {0, 1, 2, 3, 100, 200, 300, 400, 4095, 2048, 1024, 512};
+  ds.putAndInsertUint16Array(DCM_PixelData, pixels, 12);
+  if (ff.saveFile(path.c_str(), EXS_LittleEndianExplicit).bad()) std::fprintf(stderr, "cannot write %s\n", path.c_str());
+}
+
 Mesh tetrahedron(bool extras) {
   Mesh m;
   m.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
@@ -87,7 +118,7 @@ int main(int argc, char** argv) {
   }
   const fs::path root = argv[1];
   for (const char* target : {"fuzz_nifti", "fuzz_nrrd", "fuzz_metaimage", "fuzz_png", "fuzz_ply", "fuzz_stl",
-                             "fuzz_obj", "fuzz_csv", "fuzz_properties"})
+                             "fuzz_obj", "fuzz_csv", "fuzz_properties", "fuzz_dicom"})
     fs::create_directories(root / target);
 
   const auto labels = labelMap();
@@ -118,6 +149,10 @@ int main(int argc, char** argv) {
   write(*colour, root / "fuzz_png" / "colour.png");
   write(*shorts2D(1), root / "fuzz_png" / "gray16.png");
   write(*shorts2D(4), root / "fuzz_png" / "rgba16.png");
+
+  // DICOM: a Segmentation object of our writer, and a CT slice.
+  write(*labels, root / "fuzz_dicom" / "labels.seg.dcm");
+  writeCtSlice(root / "fuzz_dicom" / "slice.dcm");
 
   std::string error;
   IO::writeMesh(tetrahedron(true), (root / "fuzz_ply" / "tetra.ply").string(), &error);

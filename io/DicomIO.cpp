@@ -28,6 +28,7 @@
 #include <fstream>
 #include <limits>
 #include <map>
+#include <cstdlib>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -56,6 +57,12 @@ void initialiseLibrary() {
     DcmRLEDecoderRegistration::registerCodecs();
     DJDecoderRegistration::registerCodecs();
     DJLSDecoderRegistration::registerCodecs();
+    // The codecs are the library's until it is told to let them go.
+    std::atexit([] {
+      DJLSDecoderRegistration::cleanup();
+      DJDecoderRegistration::cleanup();
+      DcmRLEDecoderRegistration::cleanup();
+    });
   });
 }
 

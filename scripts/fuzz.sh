@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets of the file readers with clang (ASan + UBSan) in build-fuzz/
-# and runs each one for SECONDS (default 7; nine targets, about a minute in all), starting
+# and runs each one for SECONDS (default 7; ten targets, about a minute in all), starting
 # from the seeds in fuzz/corpus/<target>/. New inputs collect in build-fuzz/corpus/<target>/,
 # crashes in build-fuzz/artifacts/<target>/. Exits 1 when any target found a failure.
 #   scripts/fuzz.sh            the short run that scripts/test.sh makes
@@ -18,7 +18,7 @@ if [ ! -f "$dir/build.ninja" ]; then
 fi
 cmake --build "$dir" --target fuzzers -j "$(nproc)"
 
-targets="${FUZZ_TARGETS:-fuzz_nifti fuzz_nrrd fuzz_metaimage fuzz_png fuzz_ply fuzz_stl fuzz_obj fuzz_csv fuzz_properties}"
+targets="${FUZZ_TARGETS:-fuzz_nifti fuzz_nrrd fuzz_metaimage fuzz_png fuzz_ply fuzz_stl fuzz_obj fuzz_csv fuzz_properties fuzz_dicom}"
 export ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 failed=()
