@@ -20,6 +20,7 @@ cmake --build "$dir" --target fuzzers -j "$(nproc)"
 
 targets="${FUZZ_TARGETS:-fuzz_nifti fuzz_nrrd fuzz_metaimage fuzz_png fuzz_ply fuzz_stl fuzz_obj fuzz_csv fuzz_properties fuzz_dicom}"
 export ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1
+export LSAN_OPTIONS="suppressions=$PWD/fuzz/lsan.supp"
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 failed=()
 for t in $targets; do
