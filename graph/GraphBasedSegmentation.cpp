@@ -207,7 +207,7 @@ void GraphBasedSegmentation::prepareForComputation() {
     auto image = working(*imageFrame);
     std::shared_ptr<SharedImage> prior;
     if (priors_ && priors_->get(i)) prior = working(*priors_->get(i));
-    if (clamp) {
+    if (clamp && (window != displayWindow_ || level != displayLevel_)) {
       displayWindow_ = window;
       displayLevel_ = level;
       clampToWindow(*image, window, level);
