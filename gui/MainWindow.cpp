@@ -30,6 +30,7 @@
 #include "FactoryRegistry.h"
 #include "GlLabelRenderer.h"
 #include "GlMesh.h"
+#include "DicomIO.h"
 #include "ImageIO.h"
 #include "LabelDataComponent.h"
 #include "Log.h"
@@ -59,7 +60,7 @@ bool isLabelMap(const Data* d) {
   return s && s->modality() == Data::LABEL;
 }
 
-const char* kImageFilter = "Images and meshes (*.nii *.nii.gz *.nrrd *.nhdr *.mha *.mhd *.png *.ply *.stl *.obj);;All files (*)";
+const char* kImageFilter = "Images and meshes (*.nii *.nii.gz *.nrrd *.nhdr *.mha *.mhd *.png *.dcm *.ply *.stl *.obj);;All files (*)";
 
 }  // namespace
 
@@ -100,6 +101,7 @@ MainWindow::MainWindow() {
 
   QMenu* file = menuBar()->addMenu(tr("&File"));
   file->addAction(tr("&Open..."), this, &MainWindow::onOpen, QKeySequence::Open);
+  file->addAction(tr("Open &DICOM Folder..."), this, &MainWindow::onOpenDicomFolder);
   file->addAction(tr("&Save Selected As..."), this, &MainWindow::onSaveSelected, QKeySequence::Save);
   file->addAction(tr("&Remove Selected"), this, [this] {
     for (Data* d : model_.selected().items()) model_.remove(d);
@@ -187,6 +189,7 @@ bool MainWindow::openFile(const QString& path, bool quiet) {
   const std::string p = path.toStdString();
   std::string error;
   std::unique_ptr<Data> data;
+  if (QFileInfo(path).isDir()) return openDicomFolder(path, quiet);
   if (IO::isMeshPath(p)) {
     data = IO::readMesh(p, &error);
   } else {
@@ -203,7 +206,8 @@ bool MainWindow::openFile(const QString& path, bool quiet) {
     return false;
   }
   QString name = QFileInfo(path).fileName();
-  for (const char* ext : {".nii.gz", ".nii", ".nrrd", ".nhdr", ".mha", ".mhd", ".png", ".ply", ".stl", ".obj"})
+  for (const char* ext : {".nii.gz", ".nii", ".nrrd", ".nhdr", ".mha", ".mhd", ".png", ".ply", ".stl", ".obj",
+                          ".seg.dcm", ".dcm"})
     if (name.endsWith(ext)) name.chop(static_cast<int>(std::strlen(ext)));
   model_.add(std::move(data), name.toStdString());
   return true;
@@ -212,6 +216,38 @@ bool MainWindow::openFile(const QString& path, bool quiet) {
 void MainWindow::onOpen() {
   const QStringList files = QFileDialog::getOpenFileNames(this, tr("Open"), QString(), tr(kImageFilter));
   for (const QString& f : files) openFile(f);
+}
+
+bool MainWindow::openDicomFolder(const QString& path, bool quiet) {
+  const std::string p = path.toStdString();
+  std::string error;
+  std::vector<IO::DicomSeriesInfo> series;
+  bool opened = false;
+  if (IO::listDicomSeries(p, series, &error)) {
+    // Every image series of the folder, each under its description (or the folder's name).
+    for (const IO::DicomSeriesInfo& s : series) {
+      std::string why;
+      auto image = IO::readDicomSeries(p, s.seriesInstanceUid, &why);
+      if (!image) {
+        error += (error.empty() ? "" : "\n") + why;
+        continue;
+      }
+      std::string name = !s.description.empty() ? s.description : QFileInfo(path).fileName().toStdString();
+      if (series.size() > 1) name += " (" + std::to_string(s.seriesNumber) + ")";
+      model_.add(std::move(image), name);
+      opened = true;
+    }
+  }
+  if (!error.empty()) {
+    LOG_ERROR("MainWindow", error);
+    if (!quiet) QMessageBox::warning(this, tr("Open"), QString::fromStdString(error));
+  }
+  return opened;
+}
+
+void MainWindow::onOpenDicomFolder() {
+  const QString folder = QFileDialog::getExistingDirectory(this, tr("Open DICOM Folder"));
+  if (!folder.isEmpty()) openDicomFolder(folder);
 }
 
 void MainWindow::onSaveSelected() {

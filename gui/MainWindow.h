@@ -47,7 +47,10 @@ class MainWindow : public QMainWindow, public MainWindowBase {
 
   // Reads an image, label map or mesh; a failure shows a message box naming the file (or,
   // with `quiet`, only logs) and returns false.
+  // An image, label map or mesh file, a DICOM file, or a folder: every DICOM image series in
+  // it. False, with a message unless quiet, when nothing could be read.
   bool openFile(const QString& path, bool quiet = false);
+  bool openDicomFolder(const QString& path, bool quiet = false);
   // Creates the algorithm by factory name on the selected data, as its menu entry does, and
   // shows its panel. False when the name is unknown or the selection does not fit.
   bool openAlgorithm(const std::string& name);
@@ -68,6 +71,7 @@ class MainWindow : public QMainWindow, public MainWindowBase {
 
  private slots:
   void onOpen();
+  void onOpenDicomFolder();
   void onSaveSelected();
   void onListSelectionChanged();
   void onListItemChanged(QTreeWidgetItem* item, int column);

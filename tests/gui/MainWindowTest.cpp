@@ -22,6 +22,7 @@
 #include <tuple>
 #include <typeinfo>
 
+#include "../io/DicomTestSeries.h"
 #include "GlLabelRenderer.h"
 #include "GuiView.h"
 #include "ImageIO.h"
@@ -112,6 +113,43 @@ TEST(MainWindow, AFileThatCannotBeReadLeavesTheWindowAsItWas) {
   const auto missing = std::filesystem::temp_directory_path() / "merivane-no-such-file.nrrd";
   EXPECT_FALSE(window.openFile(QString::fromStdString(missing.string()), true));
   EXPECT_EQ(window.dataModel()->size(), 0);
+}
+
+// A folder dropped on the window (or opened from File) brings every DICOM image series in it,
+// each under its description and on its own grid; a folder without any says so and adds nothing.
+TEST(MainWindow, AFolderOpensEveryDicomSeriesInIt) {
+  app();
+  plugins();
+  MainWindow window;
+  const auto dir = std::filesystem::temp_directory_path() / "merivane-window-dicom";
+  std::filesystem::remove_all(dir);
+  TestKit::SeriesSpec ct;
+  ct.description = "Abdomen";
+  TestKit::writeSeries(dir.string(), ct);
+  TestKit::SeriesSpec mr = ct;
+  mr.seriesUid = ct.seriesUid + ".2";
+  mr.modality = "MR";
+  mr.description = "T2";
+  mr.seriesNumber = 2;
+  mr.slices = 3;
+  TestKit::writeSeries(dir.string(), mr, 11, "MR");
+  ASSERT_TRUE(window.openFile(QString::fromStdString(dir.string()), true));
+  ASSERT_EQ(window.dataModel()->size(), 2);
+  std::vector<std::pair<std::string, int>> opened;
+  for (int i = 0; i < 2; ++i) {
+    const auto* set = window.dataModel()->at(i)->asImageSet();
+    ASSERT_NE(set, nullptr);
+    opened.emplace_back(set->name(), set->get()->descriptor().dimensions[2]);
+  }
+  std::sort(opened.begin(), opened.end());
+  EXPECT_EQ(opened, (std::vector<std::pair<std::string, int>>{{"Abdomen (1)", 5}, {"T2 (2)", 3}}));
+
+  const auto empty = std::filesystem::temp_directory_path() / "merivane-window-no-dicom";
+  std::filesystem::create_directories(empty);
+  EXPECT_FALSE(window.openFile(QString::fromStdString(empty.string()), true));
+  EXPECT_EQ(window.dataModel()->size(), 2);
+  std::filesystem::remove_all(dir);
+  std::filesystem::remove_all(empty);
 }
 
 TEST(MainWindow, TheMenuOffersWhatFitsTheSelectionAndItsPanelComputesOnIt) {
