@@ -754,14 +754,9 @@ int commandBatch(const std::vector<std::string>& args, const std::string& plugin
   }
   // --config values come first, --set ones override them, as in run.
   Properties configuration;
-  for (const std::string& file : configFiles) {
-    std::string error;
-    auto p = PropertiesIO::loadFromFile(file, &error);
-    if (!p) {
-      std::fprintf(stderr, "merivane: %s\n", error.c_str());
-      return exitFileError;
-    }
-    configuration.copyFrom(*p, Properties::CopyOptions::Params);
+  if (std::string error; !loadConfigurationFiles(configFiles, configuration, &error)) {
+    std::fprintf(stderr, "merivane: %s\n", error.c_str());
+    return exitFileError;
   }
   configuration.copyFrom(options.configuration, Properties::CopyOptions::Params);
 

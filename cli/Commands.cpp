@@ -336,14 +336,9 @@ int commandRun(const std::vector<std::string>& args, bool showProgress) {
     return usageError("unknown mesh format '" + options.meshExtension + "'", kRunHelp);
   for (const InputFile& in : inputs)
     if (const std::string why = checkSeriesChoice(in.path, in.series); !why.empty()) return usageError(why, kRunHelp);
-  for (const std::string& file : configFiles) {
-    std::string error;
-    auto p = PropertiesIO::loadFromFile(file, &error);
-    if (!p) {
-      std::fprintf(stderr, "merivane: %s\n", error.c_str());
-      return exitFileError;
-    }
-    options.configuration.copyFrom(*p, Properties::CopyOptions::Params);
+  if (std::string error; !loadConfigurationFiles(configFiles, options.configuration, &error)) {
+    std::fprintf(stderr, "merivane: %s\n", error.c_str());
+    return exitFileError;
   }
   for (const auto& [key, value] : settings) options.configuration.setRawParam(key, value);
 

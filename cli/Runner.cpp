@@ -425,4 +425,13 @@ RunResult runAlgorithm(const RunOptions& options, const std::vector<InputFile>& 
   return runOnData(options, list, names, progress, interrupted);
 }
 
+bool loadConfigurationFiles(const std::vector<std::string>& files, Properties& into, std::string* error) {
+  for (const std::string& file : files) {
+    auto p = PropertiesIO::loadFromFile(file, error);
+    if (!p) return false;
+    into.copyFrom(*p, Properties::CopyOptions::Params);
+  }
+  return true;
+}
+
 }  // namespace Merivane::Cli

@@ -72,6 +72,10 @@ RunResult runOnData(const RunOptions& options, const DataList& inputs, const std
 RunResult runAlgorithm(const RunOptions& options, const std::vector<InputFile>& inputs, Progress* progress,
                        const std::atomic<bool>* interrupted);
 
+// Reads the configuration files in order into `into`, each one's values over those before;
+// false with `error` naming the file that could not be read.
+bool loadConfigurationFiles(const std::vector<std::string>& files, Properties& into, std::string* error);
+
 // The factory name with its prefix, or empty if no registered algorithm has it.
 std::string resolveAlgorithmName(const std::string& name);
 
