@@ -596,7 +596,7 @@ bool readCaseTable(const std::string& path, std::vector<BatchCase>& cases, std::
       const std::string value = cell(k);
       std::string resolved;
       if (!value.empty()) resolved = fs::path(value).is_absolute() ? value : (base / value).lexically_normal().string();
-      c.inputs.push_back({resolved, asLabels});
+      c.inputs.push_back({resolved, asLabels, {}});
       c.columns.push_back(header[k]);
     }
     read.push_back(std::move(c));
@@ -641,7 +641,7 @@ bool casesFromPattern(const std::string& pattern, const std::vector<InputTemplat
       std::string p = t.pattern;
       replaceAll(p, "{case}", match);
       replaceAll(p, "{name}", name);
-      c.inputs.push_back({fs::absolute(p).lexically_normal().string(), t.asLabels});
+      c.inputs.push_back({fs::absolute(p).lexically_normal().string(), t.asLabels, {}});
       c.columns.push_back(t.asLabels ? "in-labels" : "in");
     }
     found.push_back(std::move(c));

@@ -1,5 +1,7 @@
 #include "Runner.h"
 
+#include <malloc.h>
+
 #include <cctype>
 #include <filesystem>
 #include <map>
@@ -432,6 +434,25 @@ bool loadConfigurationFiles(const std::vector<std::string>& files, Properties& i
     into.copyFrom(*p, Properties::CopyOptions::Params);
   }
   return true;
+}
+
+void useVolumeHeap() {
+  // Whole volumes are allocated and freed many times in one run. Served by mmap, each one
+  // costs the kernel a page fault and a cleared page per 4 KiB, and its unmapping; kept in the
+  // heap, a freed volume is reused at once (a dose run on 256^3: 2.5 s to 2.1-2.4 s). Blocks
+  // above 128 MiB (a whole-volume Laplacian, the multigrid's largest arrays) still go to mmap
+  // and back to the system when freed: kept in the heap they only left holes that raised the
+  // peak (the demo brain's whole-volume segmentation: 1,812 MiB with every block kept, 1,678
+  // MiB and a second faster with this limit).
+  constexpr int kHeapBlockLimit = 128 << 20;
+  mallopt(M_MMAP_THRESHOLD, kHeapBlockLimit);
+  mallopt(M_TRIM_THRESHOLD, kHeapBlockLimit);
+}
+
+void useDefaultHeap() {
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+  mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+  malloc_trim(0);
 }
 
 }  // namespace Merivane::Cli

@@ -72,6 +72,12 @@ RunResult runOnData(const RunOptions& options, const DataList& inputs, const std
 RunResult runAlgorithm(const RunOptions& options, const std::vector<InputFile>& inputs, Progress* progress,
                        const std::atomic<bool>* interrupted);
 
+// Heap settings of a process that works on whole volumes: blocks up to 128 MiB stay in the heap
+// when freed, for the next volume; larger ones go back to the system. useDefaultHeap restores
+// the C library's own settings and returns what it can.
+void useVolumeHeap();
+void useDefaultHeap();
+
 // Reads the configuration files in order into `into`, each one's values over those before;
 // false with `error` naming the file that could not be read.
 bool loadConfigurationFiles(const std::vector<std::string>& files, Properties& into, std::string* error);

@@ -10,7 +10,6 @@
 // the time, wakes ten times a second to check for Ctrl-C (PyErr_CheckSignals, which only the
 // main thread can act on) and to hand the latest progress to the Python callback. Either one
 // failing cancels the run; the Python exception is raised once the worker has stopped.
-#include <malloc.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -563,20 +562,12 @@ class PollingProgress : public Progress {
 };
 
 // Whole volumes are allocated and freed many times in one run; the command line keeps freed
-// memory in the heap for reuse instead of giving it back to the kernel page by page (see
-// cli/main.cpp). A run here does the same, and gives the memory back when it ends, since the
-// Python process lives on.
+// volumes in the heap for reuse (Cli::useVolumeHeap). A run here does the same, and gives the
+// memory back when it ends, since the Python process lives on.
 class HeapTuning {
  public:
-  HeapTuning() {
-    mallopt(M_MMAP_MAX, 0);
-    mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
-  }
-  ~HeapTuning() {
-    mallopt(M_MMAP_MAX, 65536);                 // glibc's default
-    mallopt(M_TRIM_THRESHOLD, 128 * 1024);      // glibc's default
-    malloc_trim(0);
-  }
+  HeapTuning() { Cli::useVolumeHeap(); }
+  ~HeapTuning() { Cli::useDefaultHeap(); }
 };
 
 std::mutex g_runMutex;  // one run at a time: each run already uses every core
