@@ -457,6 +457,75 @@ def run(argv: Sequence[str], quiet: bool = False) -> int:
     return EXIT_FAILED if failed else EXIT_SUCCESS
 
 
+class BatchError(Exception):
+    """A batch that stopped before running its cases: a bad command, table or scheduler."""
+
+    def __init__(self, message: str, code: int):
+        super().__init__(message)
+        self.code = code
+
+
+def read_summary(out_dir) -> list:
+    """The CaseResults of OUT/summary.csv, in table order."""
+    results = []
+    with open(Path(out_dir) / "summary.csv", newline="") as f:
+        for row in csv.DictReader(f):
+            prefix = row["case"] + "/"
+            outputs = [o[len(prefix):] if o.startswith(prefix) else o for o in row["outputs"].split(";") if o]
+            results.append(CaseResult(row["case"], row["status"], int(row["exit_code"]), float(row["seconds"]),
+                                      row["message"], outputs))
+    return results
+
+
+def cohort(algorithm: str, cases, out, *, inputs: Sequence[str] = (), labels: Sequence[str] = (),
+           params: Optional[dict] = None, jobs: Optional[int] = None, scheduler: Optional[str] = None,
+           write_inputs: bool = False, format: Optional[str] = None, merivane: Optional[str] = None,
+           quiet: bool = True) -> list:
+    """Runs `algorithm` over a cohort and returns one CaseResult per case, in table order.
+
+    `cases` is a case table (.csv) or a folder pattern; with a pattern, `inputs` and `labels`
+    are the templates of the images and label maps of a case (``{case}`` stands for the match,
+    ``{name}`` for the case's name). `params` maps parameter names to values, as --set does.
+    `scheduler` is a Dask scheduler address (or ``local:N``); without it the cases run here,
+    `jobs` at a time. Failed cases are results like the others (status "failed", message naming
+    the case and the file); a batch that cannot start raises BatchError.
+
+        results = merivane.batch.cohort("GraphBasedSegmentation", "study/*/", "results",
+                                        inputs=["{case}/t1.nii.gz"], labels=["{case}/seeds.nii.gz"],
+                                        params={"Export Probability": True}, scheduler="local:4")
+    """
+    argv = [algorithm, "--cases", os.fspath(cases), "--out", os.fspath(out)]
+    for template in inputs:
+        argv += ["--in", template]
+    for template in labels:
+        argv += ["--in-labels", template]
+    for key, value in (params or {}).items():
+        text = ("true" if value else "false") if isinstance(value, bool) else str(value)
+        argv += ["--set", f"{key}={text}"]
+    if jobs is not None:
+        argv += ["--jobs", str(jobs)]
+    if scheduler:
+        argv += ["--scheduler", scheduler]
+    if write_inputs:
+        argv.append("--write-inputs")
+    if format:
+        argv += ["--format", format]
+    if merivane:
+        argv += ["--merivane", merivane]
+    stderr = io.StringIO()
+    saved, sys.stderr = sys.stderr, stderr if quiet else sys.stderr
+    started = time.time()
+    try:
+        code = run(argv, quiet=quiet)
+    finally:
+        sys.stderr = saved
+    summary = Path(out) / "summary.csv"
+    # A summary older than this call is an earlier batch's: this one stopped before writing.
+    if code in (EXIT_SUCCESS, EXIT_FAILED) and summary.exists() and summary.stat().st_mtime >= started - 1:
+        return read_summary(out)
+    raise BatchError(stderr.getvalue().strip() or f"the batch stopped with exit code {code}", code)
+
+
 def main() -> None:
     sys.exit(run(sys.argv[1:]))
 

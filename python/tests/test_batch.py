@@ -249,3 +249,28 @@ def test_runs_side_by_side_share_the_cores(tmp_path, monkeypatch, runner, jobs, 
     assert code == 0
     expected = preset or str(max(1, (os.cpu_count() or 1) // jobs))
     assert sorted(log_lines(tmp_path, "threads")) == [["a", expected], ["b", expected]]
+
+
+# The keyword form for Python users: a folder pattern with templates, parameters as a dict, and
+# the results back as objects; a case that fails is a result, a batch that cannot start raises.
+def test_cohort_from_python_returns_one_result_per_case(tmp_path, monkeypatch):
+    monkeypatch.setenv("MERIVANE_EXE", EXE)
+    cohort(tmp_path, ["p1", "p2", "p3"], missing={"p3"})
+    out = tmp_path / "out"
+    results = batch.cohort("WatershedSegmentation", str(tmp_path / "cases" / "*") + "/", out,
+                           inputs=["{case}/image.nrrd"], labels=["{case}/seeds.nrrd"], write_inputs=True,
+                           jobs=2)
+    assert [(r.name, r.status) for r in results] == [("p1", "ok"), ("p2", "ok"), ("p3", "failed")]
+    assert "case 'p3'" in results[2].message and "seeds.nrrd" in results[2].message
+    assert results[0].outputs == ["seeds-updated.nrrd"]
+    assert labels_split(out / "p1" / "seeds-updated.nrrd")
+
+    again = batch.cohort("WatershedSegmentation", str(tmp_path / "cases" / "*") + "/", out,
+                         inputs=["{case}/image.nrrd"], labels=["{case}/seeds.nrrd"], write_inputs=True)
+    assert [r.status for r in again] == ["skipped", "skipped", "failed"]
+
+    with pytest.raises(batch.BatchError) as stopped:
+        batch.cohort("NoSuchAlgorithm", tmp_path / "cases.csv", tmp_path / "other")
+    assert stopped.value.code == 4 and "NoSuchAlgorithm" in str(stopped.value)
+    with pytest.raises(batch.BatchError):
+        batch.cohort("WatershedSegmentation", tmp_path / "cases.csv", out, params={"No Such Key": 3})
