@@ -146,10 +146,14 @@ def _as_image(data, **geometry):
     return Image(data, **overrides)
 
 
-def write(data, path, *, spacing=None, matrix=None, labels=None, shift=None, scale=None, compress=True):
+def write(data, path, *, spacing=None, matrix=None, labels=None, shift=None, scale=None, compress=True,
+          reference=None):
     """Writes an Image (or a NumPy array), a Mesh or a PointSet; the format follows the
     extension. spacing, matrix, labels, shift and scale override the image's own for this
-    file. The file appears complete or not at all. Raises OSError naming the file."""
+    file. A label map written as .seg.dcm becomes a DICOM Segmentation object that refers to
+    `reference`, an Image read from a DICOM series (without one: to the series the label map
+    was read from, if any, else a study of its own). The file appears complete or not at all.
+    Raises OSError naming the file."""
     path = os.fspath(path)
     if not isinstance(data, Data) or isinstance(data, Image):
         data = _as_image(data, spacing=spacing, matrix=matrix, labels=labels, shift=shift, scale=scale)
@@ -158,7 +162,9 @@ def write(data, path, *, spacing=None, matrix=None, labels=None, shift=None, sca
     elif any(v is not None for v in (spacing, matrix, labels, shift, scale)):
         raise TypeError("merivane: spacing, matrix, labels, shift and scale apply to images only")
     # Other data without a file format are refused by the writer, naming the file.
-    error = _merivane._write(data, path, bool(compress))
+    if reference is not None and not isinstance(reference, Image):
+        raise TypeError("merivane: reference is an Image read from a DICOM series")
+    error = _merivane._write(data, path, bool(compress), reference)
     if error:
         raise _file_error(error, path)
 

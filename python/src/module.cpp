@@ -29,6 +29,7 @@
 #include "FactoryRegistry.h"
 #include "FiducialFile.h"
 #include "DicomIO.h"
+#include "DicomSeriesComponent.h"
 #include "ImageIO.h"
 #include "LabelDataComponent.h"
 #include "Log.h"
@@ -423,13 +424,20 @@ py::tuple dicomSeries(const std::string& path) {
 }
 
 // Returns an empty string on success, else the error naming the file.
-std::string writeFile(const PyData& item, const std::string& path, bool compress) {
+std::string writeFile(const PyData& item, const std::string& path, bool compress, const PyData* reference) {
   std::string error;
   bool ok = false;
+  const DicomSeriesComponent* series = nullptr;
+  if (reference) {
+    const SharedImageSet* r = reference->data->asImageSet();
+    series = r ? r->components().get<DicomSeriesComponent>() : nullptr;
+    if (!series) return path + ": the reference was not read from a DICOM series";
+  }
   py::gil_scoped_release release;
   if (const SharedImageSet* set = item.data->asImageSet()) {
     IO::WriteOptions options;
     options.compress = compress;
+    options.dicomReference = series;
     ok = IO::writeImage(*set, path, &error, options);
   } else if (const Mesh* mesh = item.data->asMesh()) {
     ok = IO::writeMesh(*mesh, path, &error);
@@ -813,7 +821,7 @@ PYBIND11_MODULE(_merivane, m) {
 
   m.def("_read", &readFile, "path"_a, "as_labels"_a = false, "series"_a = "");
   m.def("_dicom_series", &dicomSeries, "path"_a);
-  m.def("_write", &writeFile, "data"_a, "path"_a, "compress"_a = true);
+  m.def("_write", &writeFile, "data"_a, "path"_a, "compress"_a = true, "reference"_a = nullptr);
   m.def("_algorithms", &algorithmList);
   m.def("_parameters", &parameterList, "name"_a, "inputs"_a);
   m.def("_run", &runAlgorithm, "name"_a, "inputs"_a, "params"_a, "progress"_a);

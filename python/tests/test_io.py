@@ -184,3 +184,38 @@ def test_dicom_folders_without_series_are_refused_by_name(tmp_path):
         merivane.dicom_series(tmp_path)
     with pytest.raises(OSError, match=str(tmp_path)):
         merivane.read(tmp_path, series="1.2.3")
+
+
+def test_dicom_series_reads_in_slice_order_and_a_segmentation_refers_to_it(tmp_path, cli):
+    from conftest import write_dicom_series
+
+    values = (np.arange(4 * 5 * 6).reshape(4, 5, 6) * 7 - 50).astype(np.int16)
+    write_dicom_series(tmp_path / "ct", values, slope=2.0, intercept=-1024.0)
+    [series] = merivane.dicom_series(tmp_path / "ct")
+    assert (series.uid, series.modality, series.slices, series.files) == ("1.2.826.0.1.3680043.2.1125.77.1", "CT", 4, 4)
+    ct = merivane.read(tmp_path / "ct", series=series.uid)
+    np.testing.assert_array_equal(ct.array.astype(np.int32), values)  # stored values, z ascending
+    np.testing.assert_allclose(ct.spacing, (0.5, 0.75, 2.0), rtol=1e-6)
+    # physical = stored * 2 - 1024, that is stored = (physical + shift) * scale
+    assert (ct.shift, ct.scale) == (pytest.approx(1024.0), pytest.approx(0.5))
+
+    labels = np.zeros(values.shape, np.uint8)
+    labels[1:3, 1:4, 2:5] = 3
+    seg = tmp_path / "liver.seg.dcm"
+    merivane.write(merivane.Image(labels, spacing=ct.spacing, matrix=ct.matrix, labels={3: ("Liver", (1, 0, 0))}),
+                   seg, reference=ct)
+    back = merivane.read(seg)
+    np.testing.assert_array_equal(back.array, labels)
+    np.testing.assert_allclose(back.matrix, ct.matrix, atol=1e-5)
+    assert back.labels[3].name == "Liver"
+    # The object belongs to its series: read after it, it takes the series' grid; after another
+    # series of the same size it is refused.
+    assert cli("run", "LabelStatistics", "--in", tmp_path / "ct", "--in", seg, "--out", tmp_path / "o1").returncode == 0
+    write_dicom_series(tmp_path / "other", values, series_uid="1.2.826.0.1.3680043.2.1125.78.1")
+    assert cli("run", "LabelStatistics", "--in", tmp_path / "other", "--in", seg, "--out", tmp_path / "o2").returncode != 0
+
+    with pytest.raises(TypeError, match="reference"):
+        merivane.write(labels, tmp_path / "x.seg.dcm", reference="ct")
+    plain = merivane.Image(values.astype(np.float32))
+    with pytest.raises(OSError, match="DICOM series"):
+        merivane.write(merivane.Image(labels, labels={3: ("Liver", (1, 0, 0))}), tmp_path / "y.seg.dcm", reference=plain)
