@@ -37,13 +37,7 @@ Outcome merivane(const ScratchDir& dir, const std::string& args) {
 // A CT series of 6 x 4 x 5 and an MR series of 3 x 4 x 2 in one folder.
 struct Mixed {
   SeriesSpec ct, mr;
-  explicit Mixed(const ScratchDir& dir) {
-    mr.seriesUid = "1.2.826.0.1.3680043.2.1125.1.2";
-    mr.modality = "MR";
-    mr.description = "T1";
-    mr.seriesNumber = 2;
-    mr.columns = 3;
-    mr.slices = 2;
+  explicit Mixed(const ScratchDir& dir) : mr(mrBeside(ct)) {
     writeSeries(dir.file("mixed"), ct, 1, "A");
     writeSeries(dir.file("mixed"), mr, 2, "B");
   }

@@ -170,13 +170,7 @@ TEST(DicomSeries, InconsistentOrientationNamesTheFile) {
 TEST(DicomSeries, TwoSeriesInOneFolderAreListedAndChosenByUid) {
   TestKit::ScratchDir dir;
   SeriesSpec ct;
-  SeriesSpec mr;
-  mr.seriesUid = "1.2.826.0.1.3680043.2.1125.1.2";
-  mr.modality = "MR";
-  mr.description = "T1";
-  mr.seriesNumber = 2;
-  mr.columns = 3;
-  mr.slices = 2;
+  const SeriesSpec mr = TestKit::mrBeside(ct);
   writeSeries(dir.file("mixed"), ct, 1, "A");
   writeSeries(dir.file("mixed"), mr, 2, "B");
   TestKit::writeBytes(dir.file("mixed/notes.txt"), "not DICOM");

@@ -85,6 +85,19 @@ inline void writeSlice(const std::string& path, const SeriesSpec& s, int z, cons
   ASSERT_TRUE(ff.saveFile(path.c_str(), EXS_LittleEndianExplicit).good()) << path;
 }
 
+// A small MR series to stand beside `ct` in one folder: another series UID, modality,
+// description and number, and another size (3 x 4 x 2).
+inline SeriesSpec mrBeside(const SeriesSpec& ct) {
+  SeriesSpec mr = ct;
+  mr.seriesUid = "1.2.826.0.1.3680043.2.1125.1.2";
+  mr.modality = "MR";
+  mr.description = "T1";
+  mr.seriesNumber = 2;
+  mr.columns = 3;
+  mr.slices = 2;
+  return mr;
+}
+
 // Writes every slice under a shuffled, meaningless name (IMnnnn), so that neither the names
 // nor the order of the folder tell the slice order.
 inline void writeSeries(const std::string& dir, const SeriesSpec& s, unsigned seed = 7, const std::string& prefix = "IM") {
