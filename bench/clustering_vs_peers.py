@@ -15,6 +15,8 @@ installed are skipped with a note.
 
     /usr/bin/python3 bench/clustering_vs_peers.py [--merivane build/bin/merivane] [--size 256]
 """
+import atexit
+import shutil
 import argparse
 import gzip
 import os
@@ -80,6 +82,7 @@ def main():
     args = ap.parse_args()
     n = args.size
     tmp = tempfile.mkdtemp(prefix="clustering-peers-")
+    atexit.register(shutil.rmtree, tmp, ignore_errors=True)
 
     # Three modes: histogram clustering against multi-Otsu plus digitize.
     a3 = volume(n, 3)

@@ -15,6 +15,8 @@ machine; the medians are compared, and the ratio of each pair is shown too.
 Needs Debian's python3-skimage, which this script installs when missing; it is not a
 dependency of the project.
 """
+import atexit
+import shutil
 import argparse, json, os, resource, statistics, subprocess, sys, tempfile, time
 
 def ensure_packages():
@@ -119,6 +121,7 @@ def main():
     n = args.size
     img, lab, truth = phantom(n)
     tmp = tempfile.mkdtemp(prefix="rw_")
+    atexit.register(shutil.rmtree, tmp, ignore_errors=True)
     files = (os.path.join(tmp, "img.f32"), os.path.join(tmp, "seeds.u8"))
     img.tofile(files[0]); lab.tofile(files[1])
     load = lambda p: np.fromfile(p, np.float32).reshape(n, n, n)

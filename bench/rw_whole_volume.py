@@ -21,6 +21,8 @@ during the runs, to see how the solver copes with a shared machine.
 Needs Debian's python3-nibabel and python3-skimage, which this script installs when missing;
 they are not dependencies of the project.
 """
+import atexit
+import shutil
 import argparse, hashlib, os, re, statistics, subprocess, sys, tempfile, time
 
 BRAIN = "/usr/share/mricron/templates/ch2.nii.gz"
@@ -101,6 +103,7 @@ def main():
     import numpy as np
 
     tmp = tempfile.mkdtemp(prefix="rw_whole_")
+    atexit.register(shutil.rmtree, tmp, ignore_errors=True)
     merivane = os.path.join(args.build, "bin", "merivane")
     refsolve = os.path.join(args.build, "bin", "rw_refsolve")
     if args.case == "brain":
