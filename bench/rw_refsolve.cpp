@@ -2,6 +2,7 @@
 // aggregation multigrid preconditioner to a relative residual of 1e-8 (or 4000 iterations:
 // systems with weights spanning ten orders of magnitude stall near there in double precision).
 //   rw_refsolve ours W H D image.f32 seeds.u8 out.f32     our system, probability image out
+//   rw_refsolve dump W H D image.f32 seeds.u8 prefix     our system as CSR files, for solver experiments
 //   rw_refsolve csr N NNZ indptr.i32 indices.i32 data.f64 rhs.f64 out.f64   any SPD system
 #include <Eigen/IterativeLinearSolvers>
 #include <chrono>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <string>
 #include <vector>
 
 #include "AggregationAMG.h"
@@ -65,6 +67,33 @@ int main(int argc, char** argv) {
     for (size_t k = 0; k < g.seedIndices().size(); ++k) out[g.seedIndices()[k]] = g.seedValues()[k];
     std::ofstream(argv[7], std::ios::binary).write(reinterpret_cast<const char*>(out.data()),
                                                    static_cast<std::streamsize>(n * sizeof(float)));
+    return 0;
+  }
+  if (argc >= 8 && std::strcmp(argv[1], "dump") == 0) {
+    const Eigen::Vector3i dims(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]));
+    const size_t n = size_t(dims[0]) * dims[1] * dims[2];
+    auto image = TypedImage<float>::zeros(dims, 1);
+    auto seeds = TypedImage<unsigned char>::zeros(dims, 1);
+    auto img = readRaw<float>(argv[5], n);
+    auto lab = readRaw<unsigned char>(argv[6], n);
+    std::memcpy(image->pointer(), img.data(), n * sizeof(float));
+    std::memcpy(seeds->pointer(), lab.data(), n);
+    SharedImage si(std::shared_ptr<Image>(std::move(image)));
+    SharedImage sl(std::shared_ptr<Image>(std::move(seeds)));
+    GraphLaplacianImage g;
+    g.generateGraph(si, sl);
+    auto sys = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
+    sys.A.makeCompressed();
+    const std::string prefix = argv[7];
+    auto put = [&](const char* suffix, const void* p, size_t bytes) {
+      std::ofstream(prefix + suffix, std::ios::binary).write(static_cast<const char*>(p), static_cast<std::streamsize>(bytes));
+    };
+    const size_t rows = static_cast<size_t>(sys.A.rows()), nnz = static_cast<size_t>(sys.A.nonZeros());
+    put(".indptr.i32", sys.A.outerIndexPtr(), (rows + 1) * sizeof(int));
+    put(".indices.i32", sys.A.innerIndexPtr(), nnz * sizeof(int));
+    put(".data.f32", sys.A.valuePtr(), nnz * sizeof(float));
+    put(".rhs.f32", sys.b.data(), rows * sizeof(float));
+    std::printf("%zu %zu\n", rows, nnz);
     return 0;
   }
   if (argc >= 9 && std::strcmp(argv[1], "csr") == 0) {

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "AggregationAMG.h"
+#include "RandomWalkSystems.h"
 #include "LinearSolver.h"
 #include "GraphLaplacianImage.h"
 #include "SharedImageSet.h"
@@ -17,29 +18,7 @@ namespace {
 
 using SparseMatrixF = Eigen::SparseMatrix<float, Eigen::ColMajor, int>;
 
-// The random-walk system of a noisy volume with a few seeds: weights over many orders of
-// magnitude, rows of seven entries and fewer, as the preconditioner meets them. With `levels`
-// grey values only, many weights are equal, and ties decide the pairing.
-SparseMatrixF randomWalkSystem(const Eigen::Vector3i& dims, unsigned seed, int levels = 0) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> u(0.0f, 1.0f);
-  auto img = TypedImage<float>::zeros(dims, 1);
-  auto lab = TypedImage<unsigned char>::zeros(dims, 1);
-  for (size_t i = 0; i < img->descriptor().elementCount(); ++i) {
-    const float v = u(rng);
-    img->pointer()[i] = levels > 0 ? std::floor(v * static_cast<float>(levels)) : v;
-    const float r = u(rng);
-    lab->pointer()[i] = r < 0.02f ? 1 : (r < 0.04f ? 2 : 0);
-  }
-  SharedImage image(std::shared_ptr<Image>(std::move(img)));
-  SharedImage labels(std::shared_ptr<Image>(std::move(lab)));
-  GraphLaplacianImage g;
-  g.adaptiveness = 30.0;
-  g.generateGraph(image, labels);
-  auto sys = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
-  sys.A.makeCompressed();
-  return sys.A;
-}
+using Testing::randomWalkSystem;
 
 template <typename Scalar>
 Eigen::Matrix<Scalar, Eigen::Dynamic, 1> vcycle(const AggregationAMG<Scalar>& amg,
@@ -199,7 +178,10 @@ TEST_P(AmgRetarget, ServesTheChangedSystemLikeAFreshSetup) {
   ASSERT_EQ(first.info(), SolverInfo::Success);
   ASSERT_FALSE(kept.lastReused);
 
+  // A fresh aggregation hierarchy: a solve that keeps none sets up classical multigrid instead.
+  KeptMultigrid freshKept;
   CGSolver fresh(500, 1e-6f);
+  fresh.keptMultigrid = &freshKept;
   Eigen::VectorXf xFresh;
   fresh.solve(after.A, after.b, xFresh, Eigen::VectorXf());
   ASSERT_EQ(fresh.info(), SolverInfo::Success);

@@ -1,0 +1,57 @@
+#pragma once
+// Classical algebraic multigrid as a preconditioner for symmetric M-matrices such as graph
+// Laplacians with Dirichlet nodes, where the weights jump over many orders of magnitude.
+//
+// Each level splits its rows into coarse and fine ones along strong couplings (a coupling is
+// strong when its weight is at least `strengthThreshold` of the row's largest), interpolates
+// every fine row from its strong coarse neighbours, reaching through strong fine neighbours to
+// the coarse rows they share, and keeps the largest `maxInterpolation` weights of a row. The
+// coarse matrix is the Galerkin product R A P with R = P^T. One damped Jacobi step smooths
+// before and after the coarse correction (so the cycle is symmetric), and a dense Cholesky
+// factorisation solves the coarsest level.
+//
+// Interpolation that follows the strong couplings keeps regions cut off by weak edges apart:
+// on random-walk systems of noisy images it needs a tenth of the iterations of pairwise
+// aggregation, for about twice the setup. Setup and cycle run on all threads; neither the
+// hierarchy nor a cycle's result depends on their number.
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace Merivane {
+
+template <typename Scalar>
+class ClassicalAMG {
+ public:
+  ClassicalAMG();
+  ~ClassicalAMG();
+  ClassicalAMG(const ClassicalAMG&) = delete;
+  ClassicalAMG& operator=(const ClassicalAMG&) = delete;
+
+  double strengthThreshold = 0.25;
+  int maxInterpolation = 4;
+
+  // A symmetric compressed matrix, read as rows (CSR). The arrays are borrowed and must outlive
+  // the preconditioner's use.
+  void setupSingle(int n, const int* outer, const int* inner, const float* values);
+  // x = one V-cycle applied to b.
+  void apply(const Scalar* b, Scalar* x) const;
+
+  int levels() const;
+  std::vector<int> levelSizes() const;  // finest first
+  size_t memoryBytes() const;
+  // Stored entries of all levels over those of the finest.
+  double operatorComplexity() const;
+
+ private:
+  struct Level;
+  struct Coarsest;
+  void cycle(size_t level, const Scalar* b, Scalar* x) const;
+  std::vector<std::unique_ptr<Level>> levels_;
+  std::unique_ptr<Coarsest> coarsest_;
+};
+
+extern template class ClassicalAMG<float>;
+extern template class ClassicalAMG<double>;
+
+}  // namespace Merivane
