@@ -18,32 +18,30 @@ constexpr int kMaxLevels = 25;
 constexpr double kJacobiWeight = 0.7;
 constexpr int kParallelRows = 16384;    // smaller levels run on one thread: a barrier costs more
 
-// Rows of a level's matrix: the finest level borrows the caller's single-precision values,
-// coarse levels own double-precision ones (their rows sum weights of very different sizes).
+// Rows of a level's matrix in single precision: the finest level borrows the caller's, coarse
+// levels own theirs. The Galerkin sums are formed in double and rounded once; iterations are
+// the same as with double coarse levels, for two thirds of the memory.
 struct Csr {
   int n = 0;
   const int* outer = nullptr;
   const int* inner = nullptr;
-  const float* valuesF = nullptr;
-  const double* valuesD = nullptr;
+  const float* values = nullptr;
   std::vector<int> outerStore, innerStore;
-  std::vector<double> valueStore;
+  std::vector<float> valueStore;
   void adopt() {
     outer = outerStore.data();
     inner = innerStore.data();
-    valuesD = valueStore.data();
-    valuesF = nullptr;
+    values = valueStore.data();
   }
   size_t nnz() const { return n ? static_cast<size_t>(outer[n]) : 0; }
   size_t bytes() const {
-    return outerStore.size() * sizeof(int) + innerStore.size() * sizeof(int) + valueStore.size() * sizeof(double);
+    return outerStore.size() * sizeof(int) + innerStore.size() * sizeof(int) + valueStore.size() * sizeof(float);
   }
 };
 
 template <typename F>
 decltype(auto) withValues(const Csr& A, F&& f) {
-  if (A.valuesF) return f(A.valuesF);
-  return f(A.valuesD);
+  return f(A.values);
 }
 
 // Interpolation or restriction: rows of (column, weight).
@@ -88,46 +86,43 @@ Strength strongCouplings(const Csr& A, const V* val, double theta) {
   return S;
 }
 
-// Coarse/fine splitting by the first pass of Ruge and Stueben: repeatedly the undecided row
-// that most rows strongly depend on becomes coarse and its dependants fine. Sequential, with
-// bucket lists by measure; ties go to the lower row, so the split is fixed by the matrix.
-std::vector<char> splitRows(int n, const Strength& S) {
+// Coarse/fine splitting by the first pass of Ruge and Stueben, within the rows [begin, end) and
+// the strong couplings among them: repeatedly the undecided row that most rows strongly depend
+// on becomes coarse and its dependants fine. Bucket lists by measure; ties go to the lower row.
+void splitBlock(int begin, int end, const Strength& S, const Strength& T, std::vector<char>& state) {
   const auto sz = [](int i) { return static_cast<size_t>(i); };
-  std::vector<int> tOuter(sz(n) + 1, 0), tInner(S.inner.size());
-  for (int j : S.inner) ++tOuter[sz(j) + 1];
-  for (int i = 0; i < n; ++i) tOuter[sz(i) + 1] += tOuter[sz(i)];
-  {
-    std::vector<int> pos(tOuter.begin(), tOuter.end() - 1);
-    for (int i = 0; i < n; ++i)
-      for (int p = S.outer[sz(i)]; p < S.outer[sz(i) + 1]; ++p) tInner[sz(pos[sz(S.inner[sz(p)])]++)] = i;
-  }
-  std::vector<int> measure(sz(n));
-  std::vector<char> state(sz(n), -1);  // -1 undecided, 1 coarse, 0 fine
+  const int m = end - begin;
+  const auto inside = [&](int j) { return j >= begin && j < end; };
+  std::vector<int> measure(sz(m)), next(sz(m), -1), prev(sz(m), -1), head;
   int maxMeasure = 0;
-  for (int i = 0; i < n; ++i) {
-    measure[sz(i)] = tOuter[sz(i) + 1] - tOuter[sz(i)];
-    maxMeasure = std::max(maxMeasure, measure[sz(i)]);
-    // Neither depending on nor influencing anything: nothing to interpolate from or to.
-    if (measure[sz(i)] == 0 && S.outer[sz(i) + 1] == S.outer[sz(i)]) state[sz(i)] = 0;
+  for (int i = begin; i < end; ++i) {
+    int influence = 0, depends = 0;
+    for (int p = T.outer[sz(i)]; p < T.outer[sz(i) + 1]; ++p) influence += inside(T.inner[sz(p)]);
+    for (int p = S.outer[sz(i)]; p < S.outer[sz(i) + 1]; ++p) depends += inside(S.inner[sz(p)]);
+    measure[sz(i - begin)] = influence;
+    maxMeasure = std::max(maxMeasure, influence);
+    // Neither depending on nor influencing anything here: nothing to interpolate from or to.
+    state[sz(i)] = influence == 0 && depends == 0 ? 0 : -1;
   }
-  std::vector<int> head(sz(maxMeasure) + 1, -1), next(sz(n), -1), prev(sz(n), -1);
+  head.assign(sz(maxMeasure) + 1, -1);
   auto insert = [&](int i) {
-    const int m = measure[sz(i)];
-    if (m >= static_cast<int>(head.size())) head.resize(sz(m) * 2 + 1, -1);
-    prev[sz(i)] = -1;
-    next[sz(i)] = head[sz(m)];
-    if (head[sz(m)] >= 0) prev[sz(head[sz(m)])] = i;
-    head[sz(m)] = i;
+    const int l = i - begin, b = measure[sz(l)];
+    if (b >= static_cast<int>(head.size())) head.resize(sz(b) * 2 + 1, -1);
+    prev[sz(l)] = -1;
+    next[sz(l)] = head[sz(b)];
+    if (head[sz(b)] >= 0) prev[sz(head[sz(b)] - begin)] = i;
+    head[sz(b)] = i;
   };
   auto remove = [&](int i) {
-    if (prev[sz(i)] >= 0)
-      next[sz(prev[sz(i)])] = next[sz(i)];
+    const int l = i - begin;
+    if (prev[sz(l)] >= 0)
+      next[sz(prev[sz(l)] - begin)] = next[sz(l)];
     else
-      head[sz(measure[sz(i)])] = next[sz(i)];
-    if (next[sz(i)] >= 0) prev[sz(next[sz(i)])] = prev[sz(i)];
+      head[sz(measure[sz(l)])] = next[sz(l)];
+    if (next[sz(l)] >= 0) prev[sz(next[sz(l)] - begin)] = prev[sz(l)];
   };
   // Inserted from the last row down, so that each bucket lists its rows in ascending order.
-  for (int i = n - 1; i >= 0; --i)
+  for (int i = end - 1; i >= begin; --i)
     if (state[sz(i)] < 0) insert(i);
   int top = static_cast<int>(head.size()) - 1;
   while (true) {
@@ -136,30 +131,63 @@ std::vector<char> splitRows(int n, const Strength& S) {
     const int c = head[sz(top)];
     remove(c);
     state[sz(c)] = 1;
-    for (int p = tOuter[sz(c)]; p < tOuter[sz(c) + 1]; ++p) {
-      const int f = tInner[sz(p)];
-      if (state[sz(f)] != -1) continue;
+    for (int p = T.outer[sz(c)]; p < T.outer[sz(c) + 1]; ++p) {
+      const int f = T.inner[sz(p)];
+      if (!inside(f) || state[sz(f)] != -1) continue;
       remove(f);
       state[sz(f)] = 0;
       for (int q = S.outer[sz(f)]; q < S.outer[sz(f) + 1]; ++q) {
         const int k = S.inner[sz(q)];
-        if (state[sz(k)] != -1) continue;
+        if (!inside(k) || state[sz(k)] != -1) continue;
         remove(k);
-        ++measure[sz(k)];
+        ++measure[sz(k - begin)];
         insert(k);
-        top = std::max(top, measure[sz(k)]);
+        top = std::max(top, measure[sz(k - begin)]);
       }
     }
     for (int q = S.outer[sz(c)]; q < S.outer[sz(c) + 1]; ++q) {
       const int k = S.inner[sz(q)];
-      if (state[sz(k)] != -1) continue;
+      if (!inside(k) || state[sz(k)] != -1) continue;
       remove(k);
-      --measure[sz(k)];
+      --measure[sz(k - begin)];
       insert(k);
     }
   }
-  for (auto& s : state)
-    if (s < 0) s = 0;
+  for (int i = begin; i < end; ++i)
+    if (state[sz(i)] < 0) state[sz(i)] = 0;
+}
+
+// The split of all rows. Large levels are split in a fixed number of row blocks side by side;
+// afterwards a fine row with strong couplings but no strong coarse neighbour (one that only the
+// cut between blocks left without) becomes coarse, in row order. Blocks depend on the row count
+// alone, so the split does not depend on the number of threads.
+std::vector<char> splitRows(int n, const Strength& S) {
+  constexpr int kBlocks = 16;
+  constexpr int kBlockRows = 65536;  // smaller levels are split whole
+  const auto sz = [](int i) { return static_cast<size_t>(i); };
+  Strength T;  // who depends on each row
+  T.outer.assign(sz(n) + 1, 0);
+  T.inner.resize(S.inner.size());
+  for (int j : S.inner) ++T.outer[sz(j) + 1];
+  for (int i = 0; i < n; ++i) T.outer[sz(i) + 1] += T.outer[sz(i)];
+  {
+    std::vector<int> pos(T.outer.begin(), T.outer.end() - 1);
+    for (int i = 0; i < n; ++i)
+      for (int p = S.outer[sz(i)]; p < S.outer[sz(i) + 1]; ++p) T.inner[sz(pos[sz(S.inner[sz(p)])]++)] = i;
+  }
+  std::vector<char> state(sz(n), 0);  // 1 coarse, 0 fine
+  const int blocks = n >= kBlocks * kBlockRows ? kBlocks : 1;
+#pragma omp parallel for schedule(dynamic, 1) if (blocks > 1)
+  for (int b = 0; b < blocks; ++b)
+    splitBlock(static_cast<int>(static_cast<long long>(n) * b / blocks),
+               static_cast<int>(static_cast<long long>(n) * (b + 1) / blocks), S, T, state);
+  if (blocks > 1)
+    for (int i = 0; i < n; ++i) {
+      if (state[sz(i)] || S.outer[sz(i)] == S.outer[sz(i) + 1]) continue;
+      bool covered = false;
+      for (int p = S.outer[sz(i)]; p < S.outer[sz(i) + 1] && !covered; ++p) covered = state[sz(S.inner[sz(p)])];
+      if (!covered) state[sz(i)] = 1;
+    }
   return state;
 }
 
@@ -190,6 +218,7 @@ Transfer interpolation(const Csr& A, const V* val, const Strength& S, const std:
     std::vector<int> cols;
     std::vector<double> acc;
     std::vector<std::pair<double, int>> weights;
+    std::vector<int> slotOf(sz(n), -1);  // place of a row in `cols`, or -1
 #pragma omp for schedule(static)
     for (int i = 0; i < n; ++i) {
       int out = P.outer[sz(i)];
@@ -203,14 +232,11 @@ Transfer interpolation(const Csr& A, const V* val, const Strength& S, const std:
       acc.clear();
       for (int p = S.outer[sz(i)]; p < S.outer[sz(i) + 1]; ++p)
         if (coarse[sz(S.inner[sz(p)])]) {
+          slotOf[sz(S.inner[sz(p)])] = static_cast<int>(cols.size());
           cols.push_back(S.inner[sz(p)]);
           acc.push_back(0.0);
         }
-      const auto slot = [&](int j) {
-        for (size_t s = 0; s < cols.size(); ++s)
-          if (cols[s] == j) return static_cast<int>(s);
-        return -1;
-      };
+      const auto slot = [&](int j) { return slotOf[sz(j)]; };
       double diag = 0;
       int sp = S.outer[sz(i)];
       for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
@@ -240,6 +266,7 @@ Transfer interpolation(const Csr& A, const V* val, const Strength& S, const std:
           }
         }
       }
+      for (int j : cols) slotOf[sz(j)] = -1;
       weights.clear();
       double sumAll = 0;
       for (size_t s = 0; s < cols.size(); ++s) {
@@ -287,63 +314,66 @@ Transfer transpose(const Transfer& P, int rows, int cols) {
   return R;
 }
 
-// The Galerkin product R A P, row by row of the coarse level. Each thread takes a contiguous
-// block of rows and sums every entry in the same order whatever the thread count.
+// The Galerkin product R A P, row by row of the coarse level: a first pass counts each row's
+// entries, a second sums them straight into place, so that no second copy of the coarse matrix
+// is ever held. Every entry is summed in the same order whatever the number of threads.
 template <typename V>
 Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, int nc) {
   const auto sz = [](int i) { return static_cast<size_t>(i); };
   Csr C;
   C.n = nc;
   C.outerStore.assign(sz(nc) + 1, 0);
-  const int maxThreads = nc > kParallelRows / 4 ? omp_get_max_threads() : 1;
-  std::vector<std::vector<int>> cols(sz(maxThreads));
-  std::vector<std::vector<double>> vals(sz(maxThreads));
-  std::vector<int> blockBegin(sz(maxThreads) + 1, nc);
-#pragma omp parallel num_threads(maxThreads)
+  const bool par = nc > kParallelRows / 4;
+  // Calls visit(J, weight) for each term of coarse row I, after start(I).
+  const auto terms = [&](int I, auto&& visit) {
+    for (int p = R.outer[sz(I)]; p < R.outer[sz(I) + 1]; ++p) {
+      const int i = R.inner[sz(p)];
+      const double r = R.values[sz(p)];
+      for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+        const int j = A.inner[k];
+        const double ra = r * static_cast<double>(val[k]);
+        for (int q = P.outer[sz(j)]; q < P.outer[sz(j) + 1]; ++q) visit(P.inner[sz(q)], ra * static_cast<double>(P.values[sz(q)]));
+      }
+    }
+  };
+#pragma omp parallel if (par)
   {
-    const int t = omp_get_thread_num(), nt = omp_get_num_threads();
-    const int begin = static_cast<int>(static_cast<long long>(nc) * t / nt);
-    const int end = static_cast<int>(static_cast<long long>(nc) * (t + 1) / nt);
-    blockBegin[sz(t)] = begin;
-    std::vector<double> acc(sz(nc));
-    std::vector<int> mark(sz(nc), -1), touched;
-    auto& myCols = cols[sz(t)];
-    auto& myVals = vals[sz(t)];
-    for (int I = begin; I < end; ++I) {
-      touched.clear();
-      for (int p = R.outer[sz(I)]; p < R.outer[sz(I) + 1]; ++p) {
-        const int i = R.inner[sz(p)];
-        const double r = R.values[sz(p)];
-        for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
-          const int j = A.inner[k];
-          const double ra = r * static_cast<double>(val[k]);
-          for (int q = P.outer[sz(j)]; q < P.outer[sz(j) + 1]; ++q) {
-            const int J = P.inner[sz(q)];
-            if (mark[sz(J)] != I) {
-              mark[sz(J)] = I;
-              acc[sz(J)] = 0;
-              touched.push_back(J);
-            }
-            acc[sz(J)] += ra * static_cast<double>(P.values[sz(q)]);
-          }
+    std::vector<int> mark(sz(nc), -1);
+#pragma omp for schedule(static)
+    for (int I = 0; I < nc; ++I) {
+      int count = 0;
+      terms(I, [&](int J, double) {
+        if (mark[sz(J)] != I) {
+          mark[sz(J)] = I;
+          ++count;
         }
-      }
-      std::sort(touched.begin(), touched.end());
-      for (int J : touched) {
-        myCols.push_back(J);
-        myVals.push_back(acc[sz(J)]);
-      }
-      C.outerStore[sz(I) + 1] = static_cast<int>(touched.size());
+      });
+      C.outerStore[sz(I) + 1] = count;
     }
   }
   for (int I = 0; I < nc; ++I) C.outerStore[sz(I) + 1] += C.outerStore[sz(I)];
   C.innerStore.resize(sz(C.outerStore[sz(nc)]));
   C.valueStore.resize(C.innerStore.size());
-  for (size_t t = 0; t < cols.size(); ++t) {
-    if (cols[t].empty()) continue;
-    const size_t at = sz(C.outerStore[sz(blockBegin[t])]);
-    std::copy(cols[t].begin(), cols[t].end(), C.innerStore.begin() + static_cast<std::ptrdiff_t>(at));
-    std::copy(vals[t].begin(), vals[t].end(), C.valueStore.begin() + static_cast<std::ptrdiff_t>(at));
+#pragma omp parallel if (par)
+  {
+    std::vector<int> mark(sz(nc), -1);
+    std::vector<double> acc(sz(nc));
+#pragma omp for schedule(static)
+    for (int I = 0; I < nc; ++I) {
+      int* cols = C.innerStore.data() + C.outerStore[sz(I)];
+      int count = 0;
+      terms(I, [&](int J, double t) {
+        if (mark[sz(J)] != I) {
+          mark[sz(J)] = I;
+          acc[sz(J)] = 0;
+          cols[count++] = J;
+        }
+        acc[sz(J)] += t;
+      });
+      std::sort(cols, cols + count);
+      float* vals = C.valueStore.data() + C.outerStore[sz(I)];
+      for (int e = 0; e < count; ++e) vals[e] = static_cast<float>(acc[sz(cols[e])]);
+    }
   }
   C.adopt();
   return C;
@@ -379,7 +409,7 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
   first->A.n = n;
   first->A.outer = outer;
   first->A.inner = inner;
-  first->A.valuesF = values;
+  first->A.values = values;
   levels_.push_back(std::move(first));
   while (true) {
     Level& L = *levels_.back();
@@ -395,14 +425,16 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
     if (ln <= kCoarsestSize || static_cast<int>(levels_.size()) >= kMaxLevels) break;
     auto next = std::make_unique<Level>();
     const bool coarsened = withValues(L.A, [&](const auto* val) {
-      const Strength S = strongCouplings(L.A, val, strengthThreshold);
-      const std::vector<char> coarse = splitRows(ln, S);
-      std::vector<int> coarseIndex(static_cast<size_t>(ln), -1);
       int nc = 0;
-      for (int i = 0; i < ln; ++i)
-        if (coarse[static_cast<size_t>(i)]) coarseIndex[static_cast<size_t>(i)] = nc++;
-      if (nc == 0 || nc > 0.9 * ln) return false;
-      L.P = interpolation(L.A, val, S, coarse, coarseIndex, maxInterpolation);
+      {  // the couplings go before the Galerkin product, the largest step, takes its memory
+        const Strength S = strongCouplings(L.A, val, strengthThreshold);
+        const std::vector<char> coarse = splitRows(ln, S);
+        std::vector<int> coarseIndex(static_cast<size_t>(ln), -1);
+        for (int i = 0; i < ln; ++i)
+          if (coarse[static_cast<size_t>(i)]) coarseIndex[static_cast<size_t>(i)] = nc++;
+        if (nc == 0 || nc > 0.9 * ln) return false;
+        L.P = interpolation(L.A, val, S, coarse, coarseIndex, maxInterpolation);
+      }
       L.R = transpose(L.P, ln, nc);
       next->A = galerkin(L.A, val, L.P, L.R, nc);
       return true;

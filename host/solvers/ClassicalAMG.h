@@ -37,6 +37,10 @@ class ClassicalAMG {
   // x = one V-cycle applied to b.
   void apply(const Scalar* b, Scalar* x) const;
 
+  // What a hierarchy of an n-row system takes, about: classical coarse levels of random-walk
+  // systems hold about twice the finest level's entries, and interpolation and restriction.
+  static size_t expectedBytes(size_t n) { return n * 220; }
+
   int levels() const;
   std::vector<int> levelSizes() const;  // finest first
   size_t memoryBytes() const;

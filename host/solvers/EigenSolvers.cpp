@@ -1,6 +1,7 @@
 #include <omp.h>
 
 #include <chrono>
+#include <cstdio>
 #include <memory>
 #include <type_traits>
 
@@ -24,14 +25,27 @@ constexpr const char* kCategory = "Solver";
 constexpr Eigen::Index kDirectVolumeLimit = 40000;
 constexpr Eigen::Index kDirectPlanarLimit = 2000000;
 
+// Memory the system can still hand out (MemAvailable), or 0 when unknown.
+size_t availableMemoryBytes() {
+  std::FILE* f = std::fopen("/proc/meminfo", "r");
+  if (!f) return 0;
+  char line[256];
+  size_t kb = 0;
+  while (std::fgets(line, sizeof line, f))
+    if (std::sscanf(line, "MemAvailable: %zu kB", &kb) == 1) break;
+  std::fclose(f);
+  return kb * 1024;
+}
+
 // The multigrid preconditioner of A in the precision of the iteration. Random-walk systems
 // have weights over five orders of magnitude, where a diagonal preconditioner needs thousands
 // of iterations. A fresh solve sets up classical multigrid, whose interpolation follows the
-// strong couplings: on noisy volumes it needs a seventh of the iterations of aggregation. A
-// solve that keeps its hierarchy for re-solves after a stroke (the interactive workflow) uses
-// pairwise aggregation, which re-targets at a changed finest matrix in milliseconds. Either
-// hierarchy is double when the iteration is: its coarse levels sum weights of very different
-// sizes, where single precision loses the small eigenvalues.
+// strong couplings: on noisy volumes it needs a seventh of the iterations of aggregation, for
+// about three times its memory; where that would take more than half of the memory left, the
+// solve falls back on aggregation. A solve that keeps its hierarchy for re-solves after a
+// stroke (the interactive workflow) uses pairwise aggregation, which re-targets at a changed
+// finest matrix in milliseconds. Either hierarchy is double when the iteration is: coarse
+// levels sum weights of very different sizes, where single precision loses small eigenvalues.
 template <typename S>
 class MultigridPreconditioner {
  public:
@@ -39,12 +53,14 @@ class MultigridPreconditioner {
   MultigridPreconditioner(const SparseMatrixF& A, KeptMultigrid* kept) {
     constexpr bool isDouble = std::is_same_v<S, double>;
     const int n = static_cast<int>(A.rows());
-    if (!kept) {
+    const size_t available = availableMemoryBytes();
+    const bool classicalFits = available == 0 || ClassicalAMG<S>::expectedBytes(static_cast<size_t>(n)) <= available / 2;
+    if (!kept && classicalFits) {
       classical_ = std::make_unique<ClassicalAMG<S>>();
       classical_->setupSingle(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
       return;
     }
-    if (kept->hierarchy && kept->doublePrecision == isDouble && !kept->newRowOfOld.empty()) {
+    if (kept && kept->hierarchy && kept->doublePrecision == isDouble && !kept->newRowOfOld.empty()) {
       auto old = std::static_pointer_cast<AggregationAMG<S>>(kept->hierarchy);
       if (old->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), kept->newRowOfOld)) {
         amg_ = std::move(old);
@@ -52,10 +68,11 @@ class MultigridPreconditioner {
       }
     }
     if (!amg_) {
-      kept->hierarchy.reset();  // the old one goes before the new one is built
+      if (kept) kept->hierarchy.reset();  // the old one goes before the new one is built
       amg_ = std::make_shared<AggregationAMG<S>>();
       amg_->setupSingle(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
     }
+    if (!kept) return;
     kept->hierarchy = amg_;
     kept->doublePrecision = isDouble;
     kept->newRowOfOld.clear();
