@@ -17,6 +17,7 @@ constexpr int kCoarsestSweeps = 20;     // Jacobi sweeps standing in for that fa
 constexpr int kMaxLevels = 25;
 constexpr double kJacobiWeight = 0.7;
 constexpr int kParallelRows = 16384;    // smaller levels run on one thread: a barrier costs more
+constexpr int kRebindShare = 20;        // a re-target changes at most 1/20 of the finest rows
 
 // Rows of a level's matrix in single precision: the finest level borrows the caller's, coarse
 // levels own theirs. The Galerkin sums are formed in double and rounded once; iterations are
@@ -191,12 +192,89 @@ std::vector<char> splitRows(int n, const Strength& S) {
   return state;
 }
 
-// Interpolation of each fine row from its strong coarse neighbours. A strong fine neighbour k
+// Interpolation of a fine row from its strong coarse neighbours. A strong fine neighbour k
 // passes its coupling on to those coarse neighbours in proportion to its own couplings to them;
 // with none in common, and for weak couplings, the coupling goes into the diagonal. The
-// largest `maxWeights` weights of a row are kept, scaled to the sum of all.
+// largest `maxWeights` weights of a row are kept, scaled to the sum of all. Strength is decided
+// as strongCouplings() decides it.
+class Interpolator {
+ public:
+  explicit Interpolator(int n) : slotOf_(static_cast<size_t>(n), -1) {}
+
+  // (weight, fine column) of row i, by column; `coarse` flags the coarse rows.
+  template <typename V>
+  const std::vector<std::pair<double, int>>& row(const Csr& A, const V* val, int i, double theta,
+                                                 const std::vector<char>& coarse, int maxWeights) {
+    const auto sz = [](int k) { return static_cast<size_t>(k); };
+    weights_.clear();
+    cols_.clear();
+    acc_.clear();
+    double mx = 0;
+    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k)
+      if (A.inner[k] != i) mx = std::max(mx, -static_cast<double>(val[k]));
+    const double t = mx > 0 ? theta * mx : HUGE_VAL;
+    const auto strong = [&](int k) { return A.inner[k] != i && -static_cast<double>(val[k]) >= t; };
+    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k)
+      if (strong(k) && coarse[sz(A.inner[k])]) {
+        slotOf_[sz(A.inner[k])] = static_cast<int>(cols_.size());
+        cols_.push_back(A.inner[k]);
+        acc_.push_back(0.0);
+      }
+    if (cols_.empty()) return weights_;
+    double diag = 0;
+    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+      const int j = A.inner[k];
+      const double a = static_cast<double>(val[k]);
+      if (j == i || !strong(k)) {
+        diag += a;
+      } else if (coarse[sz(j)]) {
+        acc_[sz(slotOf_[sz(j)])] += a;
+      } else {
+        double shared = 0;
+        for (int q = A.outer[j]; q < A.outer[j + 1]; ++q)
+          if (val[q] < 0 && slotOf_[sz(A.inner[q])] >= 0) shared += static_cast<double>(val[q]);
+        if (shared < 0) {
+          for (int q = A.outer[j]; q < A.outer[j + 1]; ++q) {
+            const int s = val[q] < 0 ? slotOf_[sz(A.inner[q])] : -1;
+            if (s >= 0) acc_[sz(s)] += a * static_cast<double>(val[q]) / shared;
+          }
+        } else {
+          diag += a;
+        }
+      }
+    }
+    for (int j : cols_) slotOf_[sz(j)] = -1;
+    double sumAll = 0;
+    for (size_t s = 0; s < cols_.size(); ++s) {
+      const double w = diag > 0 ? -acc_[s] / diag : 0.0;
+      weights_.emplace_back(w, cols_[s]);
+      sumAll += w;
+    }
+    if (static_cast<int>(weights_.size()) > maxWeights) {
+      std::partial_sort(weights_.begin(), weights_.begin() + maxWeights, weights_.end(), [](const auto& x, const auto& y) {
+        const double ax = std::abs(x.first), ay = std::abs(y.first);
+        return ax > ay || (ax == ay && x.second < y.second);
+      });
+      weights_.resize(sz(maxWeights));
+      double sumKept = 0;
+      for (const auto& w : weights_) sumKept += w.first;
+      if (sumKept != 0)
+        for (auto& w : weights_) w.first *= sumAll / sumKept;
+    }
+    std::sort(weights_.begin(), weights_.end(), [](const auto& x, const auto& y) { return x.second < y.second; });
+    return weights_;
+  }
+
+ private:
+  std::vector<int> slotOf_;  // place of a row in cols_, or -1
+  std::vector<int> cols_;
+  std::vector<double> acc_;
+  std::vector<std::pair<double, int>> weights_;
+};
+
+// The interpolation of all rows: coarse rows take their own coarse value.
 template <typename V>
-Transfer interpolation(const Csr& A, const V* val, const Strength& S, const std::vector<char>& coarse,
+Transfer interpolation(const Csr& A, const V* val, const Strength& S, double theta, const std::vector<char>& coarse,
                        const std::vector<int>& coarseIndex, int maxWeights) {
   const int n = A.n;
   const auto sz = [](int i) { return static_cast<size_t>(i); };
@@ -215,10 +293,7 @@ Transfer interpolation(const Csr& A, const V* val, const Strength& S, const std:
   P.values.resize(P.inner.size());
 #pragma omp parallel if (n > kParallelRows)
   {
-    std::vector<int> cols;
-    std::vector<double> acc;
-    std::vector<std::pair<double, int>> weights;
-    std::vector<int> slotOf(sz(n), -1);  // place of a row in `cols`, or -1
+    Interpolator interpolator(n);
 #pragma omp for schedule(static)
     for (int i = 0; i < n; ++i) {
       int out = P.outer[sz(i)];
@@ -228,65 +303,7 @@ Transfer interpolation(const Csr& A, const V* val, const Strength& S, const std:
         continue;
       }
       if (P.outer[sz(i) + 1] == out) continue;
-      cols.clear();
-      acc.clear();
-      for (int p = S.outer[sz(i)]; p < S.outer[sz(i) + 1]; ++p)
-        if (coarse[sz(S.inner[sz(p)])]) {
-          slotOf[sz(S.inner[sz(p)])] = static_cast<int>(cols.size());
-          cols.push_back(S.inner[sz(p)]);
-          acc.push_back(0.0);
-        }
-      const auto slot = [&](int j) { return slotOf[sz(j)]; };
-      double diag = 0;
-      int sp = S.outer[sz(i)];
-      for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
-        const int j = A.inner[k];
-        const double a = static_cast<double>(val[k]);
-        if (j == i) {
-          diag += a;
-          continue;
-        }
-        const bool strong = sp < S.outer[sz(i) + 1] && S.inner[sz(sp)] == j;
-        sp += strong;
-        if (!strong) {
-          diag += a;
-        } else if (coarse[sz(j)]) {
-          acc[sz(slot(j))] += a;
-        } else {
-          double shared = 0;
-          for (int q = A.outer[j]; q < A.outer[j + 1]; ++q)
-            if (val[q] < 0 && slot(A.inner[q]) >= 0) shared += static_cast<double>(val[q]);
-          if (shared < 0) {
-            for (int q = A.outer[j]; q < A.outer[j + 1]; ++q) {
-              const int s = val[q] < 0 ? slot(A.inner[q]) : -1;
-              if (s >= 0) acc[sz(s)] += a * static_cast<double>(val[q]) / shared;
-            }
-          } else {
-            diag += a;
-          }
-        }
-      }
-      for (int j : cols) slotOf[sz(j)] = -1;
-      weights.clear();
-      double sumAll = 0;
-      for (size_t s = 0; s < cols.size(); ++s) {
-        const double w = diag > 0 ? -acc[s] / diag : 0.0;
-        weights.emplace_back(w, cols[s]);
-        sumAll += w;
-      }
-      if (static_cast<int>(weights.size()) > maxWeights) {
-        std::partial_sort(weights.begin(), weights.begin() + maxWeights, weights.end(), [](const auto& x, const auto& y) {
-          const double ax = std::abs(x.first), ay = std::abs(y.first);
-          return ax > ay || (ax == ay && x.second < y.second);
-        });
-        weights.resize(sz(maxWeights));
-        double sumKept = 0;
-        for (const auto& w : weights) sumKept += w.first;
-        if (sumKept != 0)
-          for (auto& w : weights) w.first *= sumAll / sumKept;
-      }
-      std::sort(weights.begin(), weights.end(), [](const auto& x, const auto& y) { return x.second < y.second; });
-      for (const auto& w : weights) {
+      for (const auto& w : interpolator.row(A, val, i, theta, coarse, maxWeights)) {
         P.inner[sz(out)] = coarseIndex[sz(w.second)];
         P.values[sz(out)] = static_cast<float>(w.first);
         ++out;
@@ -314,6 +331,23 @@ Transfer transpose(const Transfer& P, int rows, int cols) {
   return R;
 }
 
+// Calls visit(J, term) for each term r_Ii a_ik p_kJ of row I of the Galerkin product, in a
+// fixed order.
+template <typename V, typename Visit>
+void galerkinTerms(const Csr& A, const V* val, const Transfer& P, const Transfer& R, int I, Visit&& visit) {
+  const auto sz = [](int i) { return static_cast<size_t>(i); };
+  for (int p = R.outer[sz(I)]; p < R.outer[sz(I) + 1]; ++p) {
+    const int i = R.inner[sz(p)];
+    const double r = R.values[sz(p)];
+    for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
+      const int j = A.inner[k];
+      const double ra = r * static_cast<double>(val[k]);
+      for (int q = P.outer[sz(j)]; q < P.outer[sz(j) + 1]; ++q)
+        visit(P.inner[sz(q)], ra * static_cast<double>(P.values[sz(q)]));
+    }
+  }
+}
+
 // The Galerkin product R A P, row by row of the coarse level: a first pass counts each row's
 // entries, a second sums them straight into place, so that no second copy of the coarse matrix
 // is ever held. Every entry is summed in the same order whatever the number of threads.
@@ -324,18 +358,7 @@ Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, i
   C.n = nc;
   C.outerStore.assign(sz(nc) + 1, 0);
   const bool par = nc > kParallelRows / 4;
-  // Calls visit(J, weight) for each term of coarse row I, after start(I).
-  const auto terms = [&](int I, auto&& visit) {
-    for (int p = R.outer[sz(I)]; p < R.outer[sz(I) + 1]; ++p) {
-      const int i = R.inner[sz(p)];
-      const double r = R.values[sz(p)];
-      for (int k = A.outer[i]; k < A.outer[i + 1]; ++k) {
-        const int j = A.inner[k];
-        const double ra = r * static_cast<double>(val[k]);
-        for (int q = P.outer[sz(j)]; q < P.outer[sz(j) + 1]; ++q) visit(P.inner[sz(q)], ra * static_cast<double>(P.values[sz(q)]));
-      }
-    }
-  };
+  const auto terms = [&](int I, auto&& visit) { galerkinTerms(A, val, P, R, I, visit); };
 #pragma omp parallel if (par)
   {
     std::vector<int> mark(sz(nc), -1);
@@ -403,6 +426,8 @@ ClassicalAMG<Scalar>::~ClassicalAMG() = default;
 template <typename Scalar>
 void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner, const float* values) {
   levels_.clear();
+  finestLengths_.clear();
+  finestCoarse_.clear();
   coarsest_ = std::make_unique<Coarsest>();
   if (n <= 0) return;
   auto first = std::make_unique<Level>();
@@ -411,17 +436,12 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
   first->A.inner = inner;
   first->A.values = values;
   levels_.push_back(std::move(first));
+  finestLengths_.resize(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) finestLengths_[static_cast<size_t>(i)] = outer[i + 1] - outer[i];
   while (true) {
+    setInverseDiagonal(levels_.size() - 1);
     Level& L = *levels_.back();
     const int ln = L.A.n;
-    L.invDiag.assign(static_cast<size_t>(ln), Scalar(0));
-    withValues(L.A, [&](const auto* val) {
-#pragma omp parallel for schedule(static) if (ln > kParallelRows)
-      for (int i = 0; i < ln; ++i)
-        for (int k = L.A.outer[i]; k < L.A.outer[i + 1]; ++k)
-          if (L.A.inner[k] == i && val[k] != 0) L.invDiag[static_cast<size_t>(i)] = Scalar(1) / static_cast<Scalar>(val[k]);
-    });
-    L.r.resize(static_cast<size_t>(ln));
     if (ln <= kCoarsestSize || static_cast<int>(levels_.size()) >= kMaxLevels) break;
     auto next = std::make_unique<Level>();
     const bool coarsened = withValues(L.A, [&](const auto* val) {
@@ -433,7 +453,8 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
         for (int i = 0; i < ln; ++i)
           if (coarse[static_cast<size_t>(i)]) coarseIndex[static_cast<size_t>(i)] = nc++;
         if (nc == 0 || nc > 0.9 * ln) return false;
-        L.P = interpolation(L.A, val, S, coarse, coarseIndex, maxInterpolation);
+        L.P = interpolation(L.A, val, S, strengthThreshold, coarse, coarseIndex, maxInterpolation);
+        if (levels_.size() == 1) finestCoarse_ = coarse;
       }
       L.R = transpose(L.P, ln, nc);
       next->A = galerkin(L.A, val, L.P, L.R, nc);
@@ -454,6 +475,190 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
     coarsest_->factor.compute(dense);
     coarsest_->dense = coarsest_->factor.info() == Eigen::Success;
   }
+}
+
+template <typename Scalar>
+void ClassicalAMG<Scalar>::setInverseDiagonal(size_t l) {
+  Level& L = *levels_[l];
+  const int n = L.A.n;
+  L.invDiag.assign(static_cast<size_t>(n), Scalar(0));
+  const float* val = L.A.values;
+#pragma omp parallel for schedule(static) if (n > kParallelRows)
+  for (int i = 0; i < n; ++i)
+    for (int k = L.A.outer[i]; k < L.A.outer[i + 1]; ++k)
+      if (L.A.inner[k] == i && val[k] != 0) L.invDiag[static_cast<size_t>(i)] = Scalar(1) / static_cast<Scalar>(val[k]);
+  L.r.resize(static_cast<size_t>(n));
+}
+
+template <typename Scalar>
+bool ClassicalAMG<Scalar>::rebindFinest(int n, const int* outer, const int* inner, const float* values,
+                                       const std::vector<int>& newRowOfOld) {
+  const auto sz = [](int i) { return static_cast<size_t>(i); };
+  if (levels_.size() < 2 || n <= 0) return false;
+  Level& L = *levels_[0];
+  const int oldN = L.A.n;
+  if (newRowOfOld.size() != sz(oldN)) return false;
+  std::vector<int> oldOfNew(sz(n), -1);
+  int removed = 0;
+  for (int i = 0; i < oldN; ++i) {
+    const int j = newRowOfOld[sz(i)];
+    if (j >= n) return false;
+    if (j < 0)
+      ++removed;
+    else
+      oldOfNew[sz(j)] = i;
+  }
+  const int added = n - (oldN - removed);
+  if (removed + added > oldN / kRebindShare) return false;
+  Csr finest;
+  finest.n = n;
+  finest.outer = outer;
+  finest.inner = inner;
+  finest.values = values;
+
+  // Rows whose couplings changed: those new to the system, and kept ones whose entry count
+  // changed (they lost a coupling to a row that left, or gained one to a new row; the old
+  // matrix itself is gone by now). Their fine rows are interpolated afresh on the new matrix
+  // over the old split; kept rows keep their interpolation.
+  const int nc = static_cast<int>(L.bc.size());
+  std::vector<char> coarse(sz(n), 0), changed(sz(n), 0);
+  std::vector<int> lengths(sz(n));
+  for (int i = 0; i < n; ++i) {
+    const int o = oldOfNew[sz(i)];
+    lengths[sz(i)] = outer[i + 1] - outer[i];
+    coarse[sz(i)] = o >= 0 && finestCoarse_[sz(o)];
+    changed[sz(i)] = o < 0 || lengths[sz(i)] != finestLengths_[sz(o)];
+  }
+  std::vector<int> redo;
+  for (int i = 0; i < n; ++i)
+    if (changed[sz(i)] && !coarse[sz(i)]) redo.push_back(i);
+  std::vector<std::vector<std::pair<int, float>>> redone(redo.size());
+  {
+    std::vector<int> coarseIndex(sz(n), -1);
+    for (int i = 0; i < n; ++i)
+      if (coarse[sz(i)]) coarseIndex[sz(i)] = L.P.inner[sz(L.P.outer[sz(oldOfNew[sz(i)])])];
+    Interpolator interpolator(n);
+    for (size_t r = 0; r < redo.size(); ++r)
+      for (const auto& w : interpolator.row(finest, values, redo[r], strengthThreshold, coarse, maxInterpolation))
+        redone[r].emplace_back(coarseIndex[sz(w.second)], static_cast<float>(w.first));
+  }
+  Transfer P;
+  P.outer.assign(sz(n) + 1, 0);
+  {
+    size_t r = 0;
+    for (int i = 0; i < n; ++i) {
+      const int o = oldOfNew[sz(i)];
+      int len = 0;
+      if (r < redo.size() && redo[r] == i)
+        len = static_cast<int>(redone[r++].size());
+      else if (o >= 0)
+        len = L.P.outer[sz(o) + 1] - L.P.outer[sz(o)];
+      P.outer[sz(i) + 1] = P.outer[sz(i)] + len;
+    }
+  }
+  P.inner.resize(sz(P.outer[sz(n)]));
+  P.values.resize(P.inner.size());
+  {
+    size_t r = 0;
+    for (int i = 0; i < n; ++i) {
+      const int o = oldOfNew[sz(i)];
+      int at = P.outer[sz(i)];
+      if (r < redo.size() && redo[r] == i) {
+        for (const auto& [J, w] : redone[r++]) {
+          P.inner[sz(at)] = J;
+          P.values[sz(at++)] = w;
+        }
+      } else if (o >= 0) {
+        std::copy(L.P.inner.begin() + L.P.outer[sz(o)], L.P.inner.begin() + L.P.outer[sz(o) + 1], P.inner.begin() + at);
+        std::copy(L.P.values.begin() + L.P.outer[sz(o)], L.P.values.begin() + L.P.outer[sz(o) + 1],
+                  P.values.begin() + at);
+      }
+    }
+  }
+
+  // Coarse rows whose Galerkin sums change: every coarse row interpolated, before or now, by a
+  // changed row or a neighbour of one, or by a row that left the system.
+  std::vector<char> touched(sz(nc), 0);
+  const auto touch = [&](const Transfer& T, int row) {
+    for (int p = T.outer[sz(row)]; p < T.outer[sz(row) + 1]; ++p) touched[sz(T.inner[sz(p)])] = 1;
+  };
+  for (int o = 0; o < oldN; ++o)
+    if (newRowOfOld[sz(o)] < 0) touch(L.P, o);
+  for (int x = 0; x < n; ++x) {
+    if (!changed[sz(x)]) continue;
+    for (int k = outer[x]; k < outer[x + 1]; ++k) {
+      const int i = inner[k];  // x itself among them
+      touch(P, i);
+      if (oldOfNew[sz(i)] >= 0) touch(L.P, oldOfNew[sz(i)]);
+    }
+  }
+  Transfer R = transpose(P, n, nc);
+
+  // Those rows summed again, the others kept.
+  Level& C = *levels_[1];
+  std::vector<int> rows;
+  for (int I = 0; I < nc; ++I)
+    if (touched[sz(I)]) rows.push_back(I);
+  std::vector<std::vector<int>> cols(rows.size());
+  std::vector<std::vector<float>> vals(rows.size());
+  const int count = static_cast<int>(rows.size());
+#pragma omp parallel if (count > 256)
+  {
+    std::vector<int> mark(sz(nc), -1);
+    std::vector<double> acc(sz(nc));
+#pragma omp for schedule(static)
+    for (int r = 0; r < count; ++r) {
+      const int I = rows[sz(r)];
+      auto& c = cols[sz(r)];
+      galerkinTerms(finest, values, P, R, I, [&](int J, double t) {
+        if (mark[sz(J)] != I) {
+          mark[sz(J)] = I;
+          acc[sz(J)] = 0;
+          c.push_back(J);
+        }
+        acc[sz(J)] += t;
+      });
+      std::sort(c.begin(), c.end());
+      for (int J : c) vals[sz(r)].push_back(static_cast<float>(acc[sz(J)]));
+    }
+  }
+  Csr next;
+  next.n = nc;
+  next.outerStore.assign(sz(nc) + 1, 0);
+  {
+    int r = 0;
+    for (int I = 0; I < nc; ++I) {
+      const int len = touched[sz(I)] ? static_cast<int>(cols[sz(r++)].size()) : C.A.outer[I + 1] - C.A.outer[I];
+      next.outerStore[sz(I) + 1] = next.outerStore[sz(I)] + len;
+    }
+  }
+  next.innerStore.resize(sz(next.outerStore[sz(nc)]));
+  next.valueStore.resize(next.innerStore.size());
+  {
+    int r = 0;
+    for (int I = 0; I < nc; ++I) {
+      const auto at = static_cast<std::ptrdiff_t>(next.outerStore[sz(I)]);
+      if (touched[sz(I)]) {
+        std::copy(cols[sz(r)].begin(), cols[sz(r)].end(), next.innerStore.begin() + at);
+        std::copy(vals[sz(r)].begin(), vals[sz(r)].end(), next.valueStore.begin() + at);
+        ++r;
+      } else {
+        std::copy(C.A.inner + C.A.outer[I], C.A.inner + C.A.outer[I + 1], next.innerStore.begin() + at);
+        std::copy(C.A.values + C.A.outer[I], C.A.values + C.A.outer[I + 1], next.valueStore.begin() + at);
+      }
+    }
+  }
+  next.adopt();
+  C.A = std::move(next);
+  C.A.adopt();
+  L.A = std::move(finest);
+  finestLengths_ = std::move(lengths);
+  finestCoarse_ = std::move(coarse);
+  L.P = std::move(P);
+  L.R = std::move(R);
+  setInverseDiagonal(0);
+  setInverseDiagonal(1);
+  return true;
 }
 
 template <typename Scalar>
@@ -544,7 +749,7 @@ template <typename Scalar>
 size_t ClassicalAMG<Scalar>::memoryBytes() const {
   size_t b = 0;
   for (const auto& l : levels_)
-    b += l->A.bytes() + l->P.bytes() + l->R.bytes() +
+    b += l->A.bytes() + l->P.bytes() + l->R.bytes() + finestLengths_.size() * sizeof(int) * (l == levels_[0]) +
          (l->invDiag.size() + l->r.size() + l->bc.size() + l->xc.size()) * sizeof(Scalar);
   if (coarsest_) b += static_cast<size_t>(coarsest_->factor.matrixLDLT().size()) * sizeof(double);
   return b;

@@ -39,13 +39,11 @@ size_t availableMemoryBytes() {
 
 // The multigrid preconditioner of A in the precision of the iteration. Random-walk systems
 // have weights over five orders of magnitude, where a diagonal preconditioner needs thousands
-// of iterations. A fresh solve sets up classical multigrid, whose interpolation follows the
-// strong couplings: on noisy volumes it needs a seventh of the iterations of aggregation, for
-// about three times its memory; where that would take more than half of the memory left, the
-// solve falls back on aggregation. A solve that keeps its hierarchy for re-solves after a
-// stroke (the interactive workflow) uses pairwise aggregation, which re-targets at a changed
-// finest matrix in milliseconds. Either hierarchy is double when the iteration is: coarse
-// levels sum weights of very different sizes, where single precision loses small eigenvalues.
+// of iterations. Classical multigrid, whose interpolation follows the strong couplings, needs
+// a seventh of the iterations of pairwise aggregation on noisy volumes, for about three times
+// its memory; where that would take more than half of the memory left, aggregation serves. A
+// kept hierarchy of either kind is re-targeted at a re-solve after a stroke. Either is double
+// when the iteration is: coarse levels sum weights of very different sizes.
 template <typename S>
 class MultigridPreconditioner {
  public:
@@ -53,27 +51,32 @@ class MultigridPreconditioner {
   MultigridPreconditioner(const SparseMatrixF& A, KeptMultigrid* kept) {
     constexpr bool isDouble = std::is_same_v<S, double>;
     const int n = static_cast<int>(A.rows());
-    const size_t available = availableMemoryBytes();
-    const bool classicalFits = available == 0 || ClassicalAMG<S>::expectedBytes(static_cast<size_t>(n)) <= available / 2;
-    if (!kept && classicalFits) {
-      classical_ = std::make_unique<ClassicalAMG<S>>();
-      classical_->setupSingle(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
-      return;
-    }
     if (kept && kept->hierarchy && kept->doublePrecision == isDouble && !kept->newRowOfOld.empty()) {
-      auto old = std::static_pointer_cast<AggregationAMG<S>>(kept->hierarchy);
-      if (old->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), kept->newRowOfOld)) {
-        amg_ = std::move(old);
-        reused_ = true;
+      if (kept->classical) {
+        auto old = std::static_pointer_cast<ClassicalAMG<S>>(kept->hierarchy);
+        if (old->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), kept->newRowOfOld))
+          classical_ = std::move(old);
+      } else {
+        auto old = std::static_pointer_cast<AggregationAMG<S>>(kept->hierarchy);
+        if (old->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), kept->newRowOfOld))
+          amg_ = std::move(old);
+      }
+      reused_ = classical_ || amg_;
+    }
+    if (!reused_) {
+      if (kept) kept->hierarchy.reset();  // the old one goes before the new one is built
+      const size_t available = availableMemoryBytes();
+      if (available == 0 || ClassicalAMG<S>::expectedBytes(static_cast<size_t>(n)) <= available / 2) {
+        classical_ = std::make_shared<ClassicalAMG<S>>();
+        classical_->setupSingle(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
+      } else {
+        amg_ = std::make_shared<AggregationAMG<S>>();
+        amg_->setupSingle(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
       }
     }
-    if (!amg_) {
-      if (kept) kept->hierarchy.reset();  // the old one goes before the new one is built
-      amg_ = std::make_shared<AggregationAMG<S>>();
-      amg_->setupSingle(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr());
-    }
     if (!kept) return;
-    kept->hierarchy = amg_;
+    kept->hierarchy = classical_ ? std::shared_ptr<void>(classical_) : std::shared_ptr<void>(amg_);
+    kept->classical = classical_ != nullptr;
     kept->doublePrecision = isDouble;
     kept->newRowOfOld.clear();
     kept->lastReused = reused_;
@@ -88,7 +91,7 @@ class MultigridPreconditioner {
   bool reused() const { return reused_; }
 
  private:
-  std::unique_ptr<ClassicalAMG<S>> classical_;
+  std::shared_ptr<ClassicalAMG<S>> classical_;
   std::shared_ptr<AggregationAMG<S>> amg_;
   bool reused_ = false;
 };

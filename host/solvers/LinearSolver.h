@@ -32,6 +32,7 @@ const char* toString(SolverInfo info);
 struct KeptMultigrid {
   std::shared_ptr<void> hierarchy;  // the solver's, opaque to the caller
   bool doublePrecision = false;
+  bool classical = false;  // classical multigrid, or pairwise aggregation
   std::vector<int> newRowOfOld;
   bool lastReused = false;  // whether the last solve reused the hierarchy
   double lastSetupMs = 0;   // time the last solve spent on setting up or re-targeting it

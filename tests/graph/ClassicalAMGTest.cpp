@@ -178,3 +178,34 @@ TEST(ClassicalAMG, BiCGStabWithItConvergesOnANoisyVolume) {
     EXPECT_LE(solver.lastError(), tolerance) << dbl;
   }
 }
+
+// Re-targeted at the very matrix it was set up on, a hierarchy is the fresh one, bit for bit.
+TEST(ClassicalAMG, RetargetingAtTheSameMatrixChangesNothing) {
+  const RowMatrix A = randomWalkSystem({40, 36, 30}, 12);
+  const auto fresh = setUp(A), kept = setUp(A);
+  std::vector<int> identity(static_cast<size_t>(A.rows()));
+  for (size_t i = 0; i < identity.size(); ++i) identity[i] = static_cast<int>(i);
+  ASSERT_TRUE(kept->rebindFinest(static_cast<int>(A.rows()), A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(),
+                                 identity));
+  const Eigen::VectorXd b = Eigen::VectorXd::Random(A.rows());
+  EXPECT_EQ(vcycle(*fresh, b), vcycle(*kept, b));
+  EXPECT_EQ(fresh->memoryBytes(), kept->memoryBytes());
+}
+
+// A re-target that would change more than a twentieth of the rows is refused, and the hierarchy
+// stays as it was; so is a map that names rows the new matrix does not have.
+TEST(ClassicalAMG, RefusedRetargetsLeaveTheHierarchyAsItWas) {
+  const RowMatrix A = randomWalkSystem({30, 28, 26}, 13);
+  const auto amg = setUp(A);
+  const Eigen::VectorXd b = Eigen::VectorXd::Random(A.rows());
+  const Eigen::VectorXd before = vcycle(*amg, b);
+  const int n = static_cast<int>(A.rows());
+  std::vector<int> most(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) most[static_cast<size_t>(i)] = i % 10 == 0 ? -1 : i;  // a tenth gone
+  EXPECT_FALSE(amg->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), most));
+  std::vector<int> beyond(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) beyond[static_cast<size_t>(i)] = i + 1;
+  EXPECT_FALSE(amg->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), beyond));
+  EXPECT_FALSE(amg->rebindFinest(n, A.outerIndexPtr(), A.innerIndexPtr(), A.valuePtr(), std::vector<int>(3, 0)));
+  EXPECT_EQ(vcycle(*amg, b), before);
+}
