@@ -751,7 +751,7 @@ size_t ClassicalAMG<Scalar>::memoryBytes() const {
   for (const auto& l : levels_)
     b += l->A.bytes() + l->P.bytes() + l->R.bytes() + finestLengths_.size() * sizeof(int) * (l == levels_[0]) +
          (l->invDiag.size() + l->r.size() + l->bc.size() + l->xc.size()) * sizeof(Scalar);
-  if (coarsest_) b += static_cast<size_t>(coarsest_->factor.matrixLDLT().size()) * sizeof(double);
+  if (coarsest_ && coarsest_->dense) b += static_cast<size_t>(coarsest_->factor.matrixLDLT().size()) * sizeof(double);
   return b;
 }
 

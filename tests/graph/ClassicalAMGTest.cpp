@@ -135,6 +135,16 @@ TEST(ClassicalAMG, DiagonalAndEmptyMatrices) {
   const Eigen::VectorXd x = vcycle(*amg, b);
   for (int i = 0; i < 500; ++i) EXPECT_NEAR(x[i], b[i] / (1.0 + i % 7), 1e-12);
 
+  // Too many such rows for a dense factorisation: Jacobi sweeps stand in for it.
+  RowMatrix big(6000, 6000);
+  for (int i = 0; i < 6000; ++i) big.insert(i, i) = 2.0f;
+  big.makeCompressed();
+  const auto sweeps = setUp(big);
+  EXPECT_EQ(sweeps->levels(), 1);
+  EXPECT_GT(sweeps->memoryBytes(), 0u);
+  const Eigen::VectorXd c = Eigen::VectorXd::Random(6000);
+  EXPECT_LT((vcycle(*sweeps, c) - c / 2).cwiseAbs().maxCoeff(), 1e-9);
+
   ClassicalAMG<double> empty;
   empty.setupSingle(0, nullptr, nullptr, nullptr);
   EXPECT_EQ(empty.levels(), 0);
