@@ -46,20 +46,27 @@ static Eigen::VectorXd tightSolve(const Eigen::SparseMatrix<double>& A, const Ei
   return x;
 }
 
+// The random-walk graph of the raw image and seeds named by argv[2..6] (W H D image seeds). The
+// images die on return: only the graph's matrix and seed lists are used afterwards.
+static void buildGraph(char** argv, GraphLaplacianImage& g) {
+  const Eigen::Vector3i dims(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]));
+  const size_t n = size_t(dims[0]) * dims[1] * dims[2];
+  auto image = TypedImage<float>::zeros(dims, 1);
+  auto seeds = TypedImage<unsigned char>::zeros(dims, 1);
+  auto img = readRaw<float>(argv[5], n);
+  auto lab = readRaw<unsigned char>(argv[6], n);
+  std::memcpy(image->pointer(), img.data(), n * sizeof(float));
+  std::memcpy(seeds->pointer(), lab.data(), n);
+  SharedImage si(std::shared_ptr<Image>(std::move(image)));
+  SharedImage sl(std::shared_ptr<Image>(std::move(seeds)));
+  g.generateGraph(si, sl);
+}
+
 int main(int argc, char** argv) {
   if (argc >= 8 && std::strcmp(argv[1], "ours") == 0) {
-    const Eigen::Vector3i dims(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]));
-    const size_t n = size_t(dims[0]) * dims[1] * dims[2];
-    auto image = TypedImage<float>::zeros(dims, 1);
-    auto seeds = TypedImage<unsigned char>::zeros(dims, 1);
-    auto img = readRaw<float>(argv[5], n);
-    auto lab = readRaw<unsigned char>(argv[6], n);
-    std::memcpy(image->pointer(), img.data(), n * sizeof(float));
-    std::memcpy(seeds->pointer(), lab.data(), n);
-    SharedImage si(std::shared_ptr<Image>(std::move(image)));
-    SharedImage sl(std::shared_ptr<Image>(std::move(seeds)));
+    const size_t n = size_t(std::atoi(argv[2])) * std::atoi(argv[3]) * std::atoi(argv[4]);
     GraphLaplacianImage g;
-    g.generateGraph(si, sl);
+    buildGraph(argv, g);
     auto sys = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
     Eigen::VectorXd x = tightSolve(sys.A.cast<double>(), sys.b.cast<double>());
     std::vector<float> out(n);
@@ -70,18 +77,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (argc >= 8 && std::strcmp(argv[1], "dump") == 0) {
-    const Eigen::Vector3i dims(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]));
-    const size_t n = size_t(dims[0]) * dims[1] * dims[2];
-    auto image = TypedImage<float>::zeros(dims, 1);
-    auto seeds = TypedImage<unsigned char>::zeros(dims, 1);
-    auto img = readRaw<float>(argv[5], n);
-    auto lab = readRaw<unsigned char>(argv[6], n);
-    std::memcpy(image->pointer(), img.data(), n * sizeof(float));
-    std::memcpy(seeds->pointer(), lab.data(), n);
-    SharedImage si(std::shared_ptr<Image>(std::move(image)));
-    SharedImage sl(std::shared_ptr<Image>(std::move(seeds)));
     GraphLaplacianImage g;
-    g.generateGraph(si, sl);
+    buildGraph(argv, g);
     auto sys = reduceSystem(g.laplacian(), g.seedIndices(), g.unknownIndices(), g.seedValues());
     sys.A.makeCompressed();
     const std::string prefix = argv[7];
