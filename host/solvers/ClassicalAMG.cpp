@@ -18,6 +18,7 @@ constexpr int kMaxLevels = 25;
 constexpr double kJacobiWeight = 0.7;
 constexpr int kParallelRows = 16384;    // smaller levels run on one thread: a barrier costs more
 constexpr int kRebindShare = 20;        // a re-target changes at most 1/20 of the finest rows
+constexpr int kRefactorSize = 1000;     // a re-target factorises a coarsest level this small again
 
 // Rows of a level's matrix in single precision: the finest level borrows the caller's, coarse
 // levels own theirs. The Galerkin sums are formed in double and rounded once; iterations are
@@ -402,6 +403,89 @@ Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, i
   return C;
 }
 
+// The Galerkin product R A P over an old one, C: the rows flagged in `touched` are summed again,
+// the others kept as they are. In place where no such row gains entries (a small change), else
+// into new storage.
+void resumRows(Csr& C, const Csr& A, const Transfer& P, const Transfer& R, const std::vector<char>& touched) {
+  const auto sz = [](int i) { return static_cast<size_t>(i); };
+  const int nc = C.n;
+  std::vector<int> rows;
+  for (int I = 0; I < nc; ++I)
+    if (touched[sz(I)]) rows.push_back(I);
+  std::vector<std::vector<int>> cols(rows.size());
+  std::vector<std::vector<float>> vals(rows.size());
+  const int count = static_cast<int>(rows.size());
+#pragma omp parallel if (count > 256)
+  {
+    std::vector<int> mark(sz(nc), -1);
+    std::vector<double> acc(sz(nc));
+#pragma omp for schedule(static)
+    for (int r = 0; r < count; ++r) {
+      const int I = rows[sz(r)];
+      auto& c = cols[sz(r)];
+      galerkinTerms(A, A.values, P, R, I, [&](int J, double t) {
+        if (mark[sz(J)] != I) {
+          mark[sz(J)] = I;
+          acc[sz(J)] = 0;
+          c.push_back(J);
+        }
+        acc[sz(J)] += t;
+      });
+      std::sort(c.begin(), c.end());
+      for (int J : c) vals[sz(r)].push_back(static_cast<float>(acc[sz(J)]));
+    }
+  }
+  bool fits = true;
+  for (size_t r = 0; r < rows.size() && fits; ++r)
+    fits = static_cast<int>(cols[r].size()) <= C.outer[rows[r] + 1] - C.outer[rows[r]];
+  if (fits) {
+    // Rows that lost entries keep their room, filled with zeros at a column they have.
+    for (size_t r = 0; r < rows.size(); ++r) {
+      const int I = rows[r];
+      int at = C.outer[I];
+      for (size_t e = 0; e < cols[r].size(); ++e, ++at) {
+        C.innerStore[sz(at)] = cols[r][e];
+        C.valueStore[sz(at)] = vals[r][e];
+      }
+      for (; at < C.outer[I + 1]; ++at) {
+        C.innerStore[sz(at)] = cols[r].empty() ? I : cols[r].back();
+        C.valueStore[sz(at)] = 0.0f;
+      }
+    }
+    return;
+  }
+  Csr next;
+  next.n = nc;
+  next.outerStore.assign(sz(nc) + 1, 0);
+  {
+    int r = 0;
+    for (int I = 0; I < nc; ++I) {
+      const int len = touched[sz(I)] ? static_cast<int>(cols[sz(r++)].size()) : C.outer[I + 1] - C.outer[I];
+      next.outerStore[sz(I) + 1] = next.outerStore[sz(I)] + len;
+    }
+  }
+  next.innerStore.resize(sz(next.outerStore[sz(nc)]));
+  next.valueStore.resize(next.innerStore.size());
+  {
+    std::vector<int> slot(sz(nc), -1);
+    for (size_t r = 0; r < rows.size(); ++r) slot[sz(rows[r])] = static_cast<int>(r);
+#pragma omp parallel for schedule(static) if (nc > kParallelRows)
+    for (int I = 0; I < nc; ++I) {
+      const auto at = static_cast<std::ptrdiff_t>(next.outerStore[sz(I)]);
+      if (const int r = slot[sz(I)]; r >= 0) {
+        std::copy(cols[sz(r)].begin(), cols[sz(r)].end(), next.innerStore.begin() + at);
+        std::copy(vals[sz(r)].begin(), vals[sz(r)].end(), next.valueStore.begin() + at);
+      } else {
+        std::copy(C.inner + C.outer[I], C.inner + C.outer[I + 1], next.innerStore.begin() + at);
+        std::copy(C.values + C.outer[I], C.values + C.outer[I + 1], next.valueStore.begin() + at);
+      }
+    }
+  }
+  next.adopt();
+  C = std::move(next);
+  C.adopt();
+}
+
 }  // namespace
 
 template <typename Scalar>
@@ -465,16 +549,20 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
     L.xc.resize(static_cast<size_t>(next->A.n));
     levels_.push_back(std::move(next));
   }
+  factorCoarsest(kDenseLimit);
+}
+
+// A dense factorisation of the coarsest level when it has at most `limit` rows; a coarsest level
+// without one is smoothed instead.
+template <typename Scalar>
+void ClassicalAMG<Scalar>::factorCoarsest(int limit) {
   const Level& C = *levels_.back();
-  if (C.A.n <= kDenseLimit) {
-    Eigen::MatrixXd dense = Eigen::MatrixXd::Zero(C.A.n, C.A.n);
-    withValues(C.A, [&](const auto* val) {
-      for (int i = 0; i < C.A.n; ++i)
-        for (int k = C.A.outer[i]; k < C.A.outer[i + 1]; ++k) dense(i, C.A.inner[k]) = static_cast<double>(val[k]);
-    });
-    coarsest_->factor.compute(dense);
-    coarsest_->dense = coarsest_->factor.info() == Eigen::Success;
-  }
+  if (C.A.n > limit) return;
+  Eigen::MatrixXd dense = Eigen::MatrixXd::Zero(C.A.n, C.A.n);
+  for (int i = 0; i < C.A.n; ++i)
+    for (int k = C.A.outer[i]; k < C.A.outer[i + 1]; ++k) dense(i, C.A.inner[k]) += static_cast<double>(C.A.values[k]);
+  coarsest_->factor.compute(dense);
+  coarsest_->dense = coarsest_->factor.info() == Eigen::Success;
 }
 
 template <typename Scalar>
@@ -559,12 +647,14 @@ bool ClassicalAMG<Scalar>::rebindFinest(int n, const int* outer, const int* inne
   P.inner.resize(sz(P.outer[sz(n)]));
   P.values.resize(P.inner.size());
   {
-    size_t r = 0;
+    std::vector<int> redoneOf(sz(n), -1);
+    for (size_t r = 0; r < redo.size(); ++r) redoneOf[sz(redo[r])] = static_cast<int>(r);
+#pragma omp parallel for schedule(static) if (n > kParallelRows)
     for (int i = 0; i < n; ++i) {
       const int o = oldOfNew[sz(i)];
       int at = P.outer[sz(i)];
-      if (r < redo.size() && redo[r] == i) {
-        for (const auto& [J, w] : redone[r++]) {
+      if (redoneOf[sz(i)] >= 0) {
+        for (const auto& [J, w] : redone[sz(redoneOf[sz(i)])]) {
           P.inner[sz(at)] = J;
           P.values[sz(at++)] = w;
         }
@@ -594,63 +684,9 @@ bool ClassicalAMG<Scalar>::rebindFinest(int n, const int* outer, const int* inne
   }
   Transfer R = transpose(P, n, nc);
 
-  // Those rows summed again, the others kept.
-  Level& C = *levels_[1];
-  std::vector<int> rows;
-  for (int I = 0; I < nc; ++I)
-    if (touched[sz(I)]) rows.push_back(I);
-  std::vector<std::vector<int>> cols(rows.size());
-  std::vector<std::vector<float>> vals(rows.size());
-  const int count = static_cast<int>(rows.size());
-#pragma omp parallel if (count > 256)
-  {
-    std::vector<int> mark(sz(nc), -1);
-    std::vector<double> acc(sz(nc));
-#pragma omp for schedule(static)
-    for (int r = 0; r < count; ++r) {
-      const int I = rows[sz(r)];
-      auto& c = cols[sz(r)];
-      galerkinTerms(finest, values, P, R, I, [&](int J, double t) {
-        if (mark[sz(J)] != I) {
-          mark[sz(J)] = I;
-          acc[sz(J)] = 0;
-          c.push_back(J);
-        }
-        acc[sz(J)] += t;
-      });
-      std::sort(c.begin(), c.end());
-      for (int J : c) vals[sz(r)].push_back(static_cast<float>(acc[sz(J)]));
-    }
-  }
-  Csr next;
-  next.n = nc;
-  next.outerStore.assign(sz(nc) + 1, 0);
-  {
-    int r = 0;
-    for (int I = 0; I < nc; ++I) {
-      const int len = touched[sz(I)] ? static_cast<int>(cols[sz(r++)].size()) : C.A.outer[I + 1] - C.A.outer[I];
-      next.outerStore[sz(I) + 1] = next.outerStore[sz(I)] + len;
-    }
-  }
-  next.innerStore.resize(sz(next.outerStore[sz(nc)]));
-  next.valueStore.resize(next.innerStore.size());
-  {
-    int r = 0;
-    for (int I = 0; I < nc; ++I) {
-      const auto at = static_cast<std::ptrdiff_t>(next.outerStore[sz(I)]);
-      if (touched[sz(I)]) {
-        std::copy(cols[sz(r)].begin(), cols[sz(r)].end(), next.innerStore.begin() + at);
-        std::copy(vals[sz(r)].begin(), vals[sz(r)].end(), next.valueStore.begin() + at);
-        ++r;
-      } else {
-        std::copy(C.A.inner + C.A.outer[I], C.A.inner + C.A.outer[I + 1], next.innerStore.begin() + at);
-        std::copy(C.A.values + C.A.outer[I], C.A.values + C.A.outer[I + 1], next.valueStore.begin() + at);
-      }
-    }
-  }
-  next.adopt();
-  C.A = std::move(next);
-  C.A.adopt();
+  // Those rows summed again, the others kept; then the rows of each deeper level that the
+  // changed ones feed, so that every level stays the Galerkin product of the one above.
+  resumRows(levels_[1]->A, finest, P, R, touched);
   L.A = std::move(finest);
   finestLengths_ = std::move(lengths);
   finestCoarse_ = std::move(coarse);
@@ -658,6 +694,17 @@ bool ClassicalAMG<Scalar>::rebindFinest(int n, const int* outer, const int* inne
   L.R = std::move(R);
   setInverseDiagonal(0);
   setInverseDiagonal(1);
+  for (size_t l = 1; l + 1 < levels_.size(); ++l) {
+    Level& U = *levels_[l];
+    std::vector<char> below(U.bc.size(), 0);
+    for (int i = 0; i < U.A.n; ++i)
+      if (touched[sz(i)])
+        for (int p = U.P.outer[sz(i)]; p < U.P.outer[sz(i) + 1]; ++p) below[sz(U.P.inner[sz(p)])] = 1;
+    touched = std::move(below);
+    resumRows(levels_[l + 1]->A, U.A, U.P, U.R, touched);
+    setInverseDiagonal(l + 1);
+  }
+  factorCoarsest(kRefactorSize);
   return true;
 }
 

@@ -37,8 +37,7 @@ class ClassicalAMG {
   // Re-targets the hierarchy at a finest matrix that differs from the one it was set up on in a
   // few rows (a re-solve after a stroke of new seeds). `newRowOfOld[i]` is the new row of old row
   // i, or -1 where the row is gone. Fine rows whose couplings changed are interpolated afresh
-  // over the old split, and the coarse rows whose sums change are summed again; deeper levels
-  // stay. False, with the hierarchy unchanged, when more than a twentieth of the rows
+  // over the old split, and on every level the rows whose Galerkin sums change are summed again. False, with the hierarchy unchanged, when more than a twentieth of the rows
   // changed: then it must be set up afresh.
   bool rebindFinest(int n, const int* outer, const int* inner, const float* values,
                     const std::vector<int>& newRowOfOld);
@@ -60,6 +59,7 @@ class ClassicalAMG {
   struct Coarsest;
   void cycle(size_t level, const Scalar* b, Scalar* x) const;
   void setInverseDiagonal(size_t level);
+  void factorCoarsest(int limit);
   std::vector<std::unique_ptr<Level>> levels_;
   std::unique_ptr<Coarsest> coarsest_;
   // Of each finest row, for re-targeting: its entry count (to see which rows changed) and
