@@ -29,7 +29,7 @@ class ClassicalAMG {
   ClassicalAMG& operator=(const ClassicalAMG&) = delete;
 
   double strengthThreshold = 0.25;
-  int maxInterpolation = 4;
+  int maxInterpolation = 2;
 
   // A symmetric compressed matrix, read as rows (CSR). The arrays are borrowed and must outlive
   // the preconditioner's use.
