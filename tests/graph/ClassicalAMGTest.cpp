@@ -271,3 +271,25 @@ TEST(ClassicalAMG, RetargetedAfterAStrokeServesLikeAFreshSetup) {
   EXPECT_LE(itKept, itFresh + 3);
   EXPECT_LT((xKept - xFresh).norm(), 1e-5 * xFresh.norm());
 }
+
+// A solve sets up classical multigrid where its hierarchy fits in half the free memory, and
+// pairwise aggregation where it would not; either way it converges.
+TEST(ClassicalAMG, LowMemoryFallsBackOnAggregation) {
+  const RowMatrix R = randomWalkSystem({30, 28, 26}, 15);
+  const SparseMatrixF A = R;
+  const Eigen::VectorXf b = Eigen::VectorXf::Random(A.rows());
+  for (const char* available : {"", "1000"}) {
+    if (*available)
+      setenv("MERIVANE_MEMORY_AVAILABLE", available, 1);
+    else
+      unsetenv("MERIVANE_MEMORY_AVAILABLE");
+    KeptMultigrid kept;
+    BiCGStabEigenSolver solver(true, 500, 1e-6f);
+    solver.keptMultigrid = &kept;
+    Eigen::VectorXf x;
+    solver.solve(A, b, x, Eigen::VectorXf());
+    EXPECT_EQ(solver.info(), SolverInfo::Success) << available;
+    EXPECT_EQ(kept.classical, !*available) << available;
+  }
+  unsetenv("MERIVANE_MEMORY_AVAILABLE");
+}
