@@ -12,8 +12,8 @@
 //
 // Interpolation that follows the strong couplings keeps regions cut off by weak edges apart:
 // on random-walk systems of noisy images it needs a tenth of the iterations of pairwise
-// aggregation, for about twice the setup. Setup and cycle run on all threads; neither the
-// hierarchy nor a cycle's result depends on their number.
+// aggregation, for three times its setup and memory. Setup and cycle run on all threads;
+// neither the hierarchy nor a cycle's result depends on their number.
 #include <cstddef>
 #include <memory>
 #include <vector>
