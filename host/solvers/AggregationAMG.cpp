@@ -1,4 +1,5 @@
 #include "AggregationAMG.h"
+#include "MultigridKernels.h"
 
 #include <omp.h>
 
@@ -578,25 +579,16 @@ void AggregationAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
     return;
   }
   const Scalar w = static_cast<Scalar>(kJacobiWeight);
-  const int* outer = L.A.outer;
-  const int* inner = L.A.inner;
   const Scalar* D = L.invDiag.data();
   Scalar* r = L.r.data();
   const bool par = n > 16384;
-  // Pre-smoothing from zero, then the residual.
-  // r = b - A x.
   const auto residual = [&] {
     withValues(L.A, [&](const auto* val) {
-#pragma omp parallel for schedule(static) if (par)
-      for (int i = 0; i < n; ++i) {
-        Scalar s = b[i];
-        for (int k = outer[i]; k < outer[i + 1]; ++k) s -= static_cast<Scalar>(val[k]) * x[inner[k]];
-        r[i] = s;
-      }
+      MultigridKernels::residual(n, L.A.outer, L.A.inner, val, b, x, r, par);
     });
   };
-#pragma omp parallel for schedule(static) if (par)
-  for (int i = 0; i < n; ++i) x[i] = w * D[i] * b[i];
+  // Pre-smoothing from zero, then the residual.
+  MultigridKernels::jacobiFromZero(n, w, D, b, x, par);
   residual();
   // Restrict, solve the coarse problem, interpolate.
   const int nc = static_cast<int>(L.bc.size());
@@ -616,8 +608,7 @@ void AggregationAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
       x[L.aggMembers[static_cast<size_t>(m)]] += xc[I];
   // Post-smoothing: x += w D^-1 (b - A x), through r to keep x's old values for the product.
   residual();
-#pragma omp parallel for schedule(static) if (par)
-  for (int i = 0; i < n; ++i) x[i] += w * D[i] * r[i];
+  MultigridKernels::jacobiCorrect(n, w, D, r, x, par);
 }
 
 template <typename Scalar>

@@ -1,4 +1,5 @@
 #include "ClassicalAMG.h"
+#include "MultigridKernels.h"
 
 #include <omp.h>
 
@@ -41,10 +42,6 @@ struct Csr {
   }
 };
 
-template <typename F>
-decltype(auto) withValues(const Csr& A, F&& f) {
-  return f(A.values);
-}
 
 // Interpolation or restriction: rows of (column, weight).
 struct Transfer {
@@ -528,7 +525,8 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
     const int ln = L.A.n;
     if (ln <= kCoarsestSize || static_cast<int>(levels_.size()) >= kMaxLevels) break;
     auto next = std::make_unique<Level>();
-    const bool coarsened = withValues(L.A, [&](const auto* val) {
+    const bool coarsened = [&] {
+      const float* val = L.A.values;
       int nc = 0;
       {  // the couplings go before the Galerkin product, the largest step, takes its memory
         const Strength S = strongCouplings(L.A, val, strengthThreshold);
@@ -543,7 +541,7 @@ void ClassicalAMG<Scalar>::setupSingle(int n, const int* outer, const int* inner
       L.R = transpose(L.P, ln, nc);
       next->A = galerkin(L.A, val, L.P, L.R, nc);
       return true;
-    });
+    }();
     if (!coarsened) break;
     L.bc.resize(static_cast<size_t>(next->A.n));
     L.xc.resize(static_cast<size_t>(next->A.n));
@@ -712,22 +710,11 @@ template <typename Scalar>
 void ClassicalAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
   const Level& L = *levels_[l];
   const int n = L.A.n;
-  const int* outer = L.A.outer;
-  const int* inner = L.A.inner;
   const Scalar* D = L.invDiag.data();
   Scalar* r = L.r.data();
   const bool par = n > kParallelRows;
   const Scalar w = static_cast<Scalar>(kJacobiWeight);
-  const auto residual = [&] {
-    withValues(L.A, [&](const auto* val) {
-#pragma omp parallel for schedule(static) if (par)
-      for (int i = 0; i < n; ++i) {
-        Scalar s = b[i];
-        for (int k = outer[i]; k < outer[i + 1]; ++k) s -= static_cast<Scalar>(val[k]) * x[inner[k]];
-        r[i] = s;
-      }
-    });
-  };
+  const auto residual = [&] { MultigridKernels::residual(n, L.A.outer, L.A.inner, L.A.values, b, x, r, par); };
   if (l + 1 == levels_.size()) {
     if (coarsest_->dense) {
       Eigen::VectorXd rhs(n);
@@ -736,18 +723,15 @@ void ClassicalAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
       for (int i = 0; i < n; ++i) x[i] = static_cast<Scalar>(sol[i]);
       return;
     }
-#pragma omp parallel for schedule(static) if (par)
-    for (int i = 0; i < n; ++i) x[i] = w * D[i] * b[i];
+    MultigridKernels::jacobiFromZero(n, w, D, b, x, par);
     for (int s = 1; s < kCoarsestSweeps; ++s) {
       residual();
-#pragma omp parallel for schedule(static) if (par)
-      for (int i = 0; i < n; ++i) x[i] += w * D[i] * r[i];
+      MultigridKernels::jacobiCorrect(n, w, D, r, x, par);
     }
     return;
   }
   // Pre-smoothing from zero, then the residual.
-#pragma omp parallel for schedule(static) if (par)
-  for (int i = 0; i < n; ++i) x[i] = w * D[i] * b[i];
+  MultigridKernels::jacobiFromZero(n, w, D, b, x, par);
   residual();
   const int nc = static_cast<int>(L.bc.size());
   Scalar* bc = L.bc.data();
@@ -770,8 +754,7 @@ void ClassicalAMG<Scalar>::cycle(size_t l, const Scalar* b, Scalar* x) const {
   }
   // Post-smoothing: x += w D^-1 (b - A x), through r to keep x's old values for the product.
   residual();
-#pragma omp parallel for schedule(static) if (par)
-  for (int i = 0; i < n; ++i) x[i] += w * D[i] * r[i];
+  MultigridKernels::jacobiCorrect(n, w, D, r, x, par);
 }
 
 template <typename Scalar>
