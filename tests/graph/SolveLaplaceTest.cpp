@@ -457,7 +457,7 @@ TEST(GraphLaplacianAlgorithm, ARerunAfterAStrokeReusesTheHierarchyAndMatchesAFre
   });
   auto seeds = [](int x, int y, int z) { return std::hypot(x - 14.0, y - 13.0, z - 12.0) < 2 ? 1 : (x < 2 ? 2 : 0); };
   auto lab = labelFrame(dims, seeds);
-  auto a = makeAlgorithm(*img, *lab, 4, 500, -8);
+  auto a = makeAlgorithm(*img, *lab, 4, 500, -6);
   Properties p;
   p.setParam("Re-Use Solution", true);
   a->configure(&p);
@@ -476,7 +476,7 @@ TEST(GraphLaplacianAlgorithm, ARerunAfterAStrokeReusesTheHierarchyAndMatchesAFre
   EXPECT_TRUE(a->lastSolveReusedHierarchy());
   auto rerun = a->takeOutput().extractFirstImage();
 
-  auto fresh = makeAlgorithm(*img, *lab, 4, 500, -8);
+  auto fresh = makeAlgorithm(*img, *lab, 4, 500, -6);
   fresh->compute();
   ASSERT_EQ(fresh->status(), Algorithm::statusSuccess);
   auto reference = fresh->takeOutput().extractFirstImage();
