@@ -777,9 +777,9 @@ std::vector<int> ClassicalAMG<Scalar>::levelSizes() const {
 
 template <typename Scalar>
 size_t ClassicalAMG<Scalar>::memoryBytes() const {
-  size_t b = 0;
+  size_t b = finestLengths_.size() * sizeof(int) + finestCoarse_.size();
   for (const auto& l : levels_)
-    b += l->A.bytes() + l->P.bytes() + l->R.bytes() + finestLengths_.size() * sizeof(int) * (l == levels_[0]) +
+    b += l->A.bytes() + l->P.bytes() + l->R.bytes() +
          (l->invDiag.size() + l->r.size() + l->bc.size() + l->xc.size()) * sizeof(Scalar);
   if (coarsest_ && coarsest_->dense) b += static_cast<size_t>(coarsest_->factor.matrixLDLT().size()) * sizeof(double);
   return b;
