@@ -28,7 +28,7 @@ class ClassicalAMG {
   ClassicalAMG(const ClassicalAMG&) = delete;
   ClassicalAMG& operator=(const ClassicalAMG&) = delete;
 
-  double strengthThreshold = 0.25;
+  double strengthThreshold = 0.5;
   int maxInterpolation = 2;
 
   // A symmetric compressed matrix, read as rows (CSR). The arrays are borrowed and must outlive

@@ -6,11 +6,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <thread>
 #include <vector>
 
 namespace Merivane::Krylov {
@@ -346,10 +348,11 @@ Outcome conjugateGradient(const Matrix& A, const S* b, S* x, const Preconditione
   return out;
 }
 
-int availableThreads(int wanted) {
-  wanted = std::max(1, wanted);
-  if (std::getenv("MERIVANE_FIXED_THREADS")) return wanted;
-  const int cores = std::max(1, omp_get_num_procs());
+namespace {
+
+// Cores that other processes keep busy at this instant: runnable tasks of the whole machine
+// (/proc/loadavg) less our own, scaled to the cores this process may use.
+int busyElsewhere(int cores) {
   int runnable = 0;
   if (FILE* f = std::fopen("/proc/loadavg", "r")) {
     int total = 0;
@@ -357,14 +360,14 @@ int availableThreads(int wanted) {
     if (std::fscanf(f, "%*s %*s %*s %d/%d", &runnable, &total) != 2) runnable = 0;
     std::fclose(f);
   }
-  if (runnable <= 0) return wanted;
+  if (runnable <= 0) return 0;
   // Our own runnable threads (this one, and workers still spinning after the last parallel
   // loop) are not load from elsewhere.
   int own = 0;
   if (DIR* d = opendir("/proc/self/task")) {
     while (dirent* e = readdir(d)) {
       if (e->d_name[0] == '.') continue;
-      char path[64];
+      char path[320];
       std::snprintf(path, sizeof path, "/proc/self/task/%s/stat", e->d_name);
       if (FILE* f = std::fopen(path, "r")) {
         char buf[512];
@@ -379,7 +382,23 @@ int availableThreads(int wanted) {
   }
   // The load is the whole machine's; a process confined to some of its cores sees its share.
   const long online = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN));
-  const int others = static_cast<int>(std::max(0, runnable - std::max(own, 1)) * static_cast<long>(cores) / online);
+  return static_cast<int>(std::max(0, runnable - std::max(own, 1)) * static_cast<long>(cores) / online);
+}
+
+}  // namespace
+
+int availableThreads(int wanted) {
+  wanted = std::max(1, wanted);
+  if (std::getenv("MERIVANE_FIXED_THREADS")) return wanted;
+  const int cores = std::max(1, omp_get_num_procs());
+  // One look catches kernel threads and short-lived processes as often as lasting load, and a
+  // whole setup would then run on one core. Load is only believed when it is still there on
+  // two more looks a millisecond apart; the least of the three counts.
+  int others = busyElsewhere(cores);
+  for (int look = 0; look < 2 && others > 0; ++look) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    others = std::min(others, busyElsewhere(cores));
+  }
   return std::clamp(cores - others, 1, wanted);
 }
 
