@@ -162,7 +162,7 @@ void splitBlock(int begin, int end, const Strength& S, const Strength& T, std::v
 // alone, so the split does not depend on the number of threads.
 std::vector<char> splitRows(int n, const Strength& S) {
   constexpr int kBlocks = 16;
-  constexpr int kBlockRows = 65536;  // smaller levels are split whole
+  constexpr int kBlockRows = 16384;  // smaller levels are split whole
   const auto sz = [](int i) { return static_cast<size_t>(i); };
   Strength T;  // who depends on each row
   T.outer.assign(sz(n) + 1, 0);
