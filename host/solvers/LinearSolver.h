@@ -31,7 +31,7 @@ const char* toString(SolverInfo info);
 // left empty, the solver sets up afresh. Either way the solver keeps its hierarchy here.
 struct KeptMultigrid {
   std::shared_ptr<void> hierarchy;  // the solver's, opaque to the caller
-  bool doublePrecision = false;
+  bool doublePrecision = false;  // of an aggregation hierarchy; a classical one is single
   bool classical = false;  // classical multigrid, or pairwise aggregation
   std::vector<int> newRowOfOld;
   bool lastReused = false;  // whether the last solve reused the hierarchy

@@ -484,7 +484,9 @@ TEST(GraphLaplacianAlgorithm, ARerunAfterAStrokeReusesTheHierarchyAndMatchesAFre
   const auto* v = static_cast<const TypedImage<float>*>(reference->mem(0));
   for (size_t k = 0; k < u->descriptor().pixelCount(); ++k) {
     ASSERT_NEAR(u->pointer()[k], v->pointer()[k], 1e-3) << k;
-    if (std::abs(v->pointer()[k] - 0.5f) > 1e-3f) ASSERT_EQ(u->pointer()[k] > 0.5f, v->pointer()[k] > 0.5f) << k;
+    if (std::abs(v->pointer()[k] - 0.5f) > 1e-3f) {
+      ASSERT_EQ(u->pointer()[k] > 0.5f, v->pointer()[k] > 0.5f) << k;
+    }
   }
   // reset() forgets the hierarchy with the solution.
   a->reset();
