@@ -346,9 +346,10 @@ void galerkinTerms(const Csr& A, const V* val, const Transfer& P, const Transfer
   }
 }
 
-// The Galerkin product R A P, row by row of the coarse level: a first pass counts each row's
-// entries, a second sums them straight into place, so that no second copy of the coarse matrix
-// is ever held. Every entry is summed in the same order whatever the number of threads.
+// The Galerkin product R A P, row by row of the coarse level. Rows are summed in fixed chunks
+// side by side, each into storage of its own, then moved into place: one pass over the terms
+// instead of one to count and one to sum, for a while the room of a second copy of the coarse
+// matrix. Every entry is summed in the same order whatever the number of threads.
 template <typename V>
 Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, int nc) {
   const auto sz = [](int i) { return static_cast<size_t>(i); };
@@ -356,45 +357,51 @@ Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, i
   C.n = nc;
   C.outerStore.assign(sz(nc) + 1, 0);
   const bool par = nc > kParallelRows / 4;
-  const auto terms = [&](int I, auto&& visit) { galerkinTerms(A, val, P, R, I, visit); };
+  constexpr int kChunks = 64;
+  const int chunks = par ? kChunks : 1;
+  const auto chunkBegin = [&](int c) { return static_cast<int>(static_cast<long long>(nc) * c / chunks); };
+  struct Rows {
+    std::vector<int> cols;
+    std::vector<float> vals;
+  };
+  std::vector<Rows> parts(sz(chunks));
 #pragma omp parallel if (par)
   {
     std::vector<int> mark(sz(nc), -1);
-#pragma omp for schedule(static)
-    for (int I = 0; I < nc; ++I) {
-      int count = 0;
-      terms(I, [&](int J, double) {
-        if (mark[sz(J)] != I) {
-          mark[sz(J)] = I;
-          ++count;
+    std::vector<double> acc(sz(nc));
+    std::vector<int> row;
+#pragma omp for schedule(dynamic, 1)
+    for (int c = 0; c < chunks; ++c) {
+      Rows& part = parts[sz(c)];
+      for (int I = chunkBegin(c); I < chunkBegin(c + 1); ++I) {
+        row.clear();
+        galerkinTerms(A, val, P, R, I, [&](int J, double t) {
+          if (mark[sz(J)] != I) {
+            mark[sz(J)] = I;
+            acc[sz(J)] = 0;
+            row.push_back(J);
+          }
+          acc[sz(J)] += t;
+        });
+        std::sort(row.begin(), row.end());
+        for (int J : row) {
+          part.cols.push_back(J);
+          part.vals.push_back(static_cast<float>(acc[sz(J)]));
         }
-      });
-      C.outerStore[sz(I) + 1] = count;
+        C.outerStore[sz(I) + 1] = static_cast<int>(row.size());
+      }
     }
   }
   for (int I = 0; I < nc; ++I) C.outerStore[sz(I) + 1] += C.outerStore[sz(I)];
   C.innerStore.resize(sz(C.outerStore[sz(nc)]));
   C.valueStore.resize(C.innerStore.size());
-#pragma omp parallel if (par)
-  {
-    std::vector<int> mark(sz(nc), -1);
-    std::vector<double> acc(sz(nc));
-#pragma omp for schedule(static)
-    for (int I = 0; I < nc; ++I) {
-      int* cols = C.innerStore.data() + C.outerStore[sz(I)];
-      int count = 0;
-      terms(I, [&](int J, double t) {
-        if (mark[sz(J)] != I) {
-          mark[sz(J)] = I;
-          acc[sz(J)] = 0;
-          cols[count++] = J;
-        }
-        acc[sz(J)] += t;
-      });
-      std::sort(cols, cols + count);
-      float* vals = C.valueStore.data() + C.outerStore[sz(I)];
-      for (int e = 0; e < count; ++e) vals[e] = static_cast<float>(acc[sz(cols[e])]);
-    }
+#pragma omp parallel for schedule(dynamic, 1) if (par)
+  for (int c = 0; c < chunks; ++c) {
+    Rows& part = parts[sz(c)];
+    const auto at = static_cast<std::ptrdiff_t>(C.outerStore[sz(chunkBegin(c))]);
+    std::copy(part.cols.begin(), part.cols.end(), C.innerStore.begin() + at);
+    std::copy(part.vals.begin(), part.vals.end(), C.valueStore.begin() + at);
+    part = Rows();
   }
   C.adopt();
   return C;
