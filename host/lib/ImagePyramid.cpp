@@ -153,8 +153,9 @@ void ImagePyramid::propagateUp(int index) {
       using T = decltype(tagOut);
       T* o = static_cast<T*>(out.data());
       const int OC = out.channels(), IC = in.channels();
-      // The grids are aligned, so a voxel's stencil is assembled from those of its row, column
-      // and slice, each worked out once.
+      // The grids are aligned, so the stencil is separable: each output row blends (at most) four
+      // input rows, with weights worked out once per row, and each column's pair of corners and
+      // weight is worked out once for the whole image. Corners of zero weight are not read.
       std::vector<Interpolation::Stencil> axes[3];
       for (int k = 0; k < 3; ++k) {
         axes[k].resize(static_cast<size_t>(fd[k]));
@@ -165,22 +166,35 @@ void ImagePyramid::propagateUp(int index) {
       }
 #pragma omp parallel for schedule(static) if (fd[2] >= 9)
       for (int z = 0; z < fd[2]; ++z)
-        for (int y = 0; y < fd[1]; ++y)
+        for (int y = 0; y < fd[1]; ++y) {
+          const Interpolation::Stencil& ay = axes[1][static_cast<size_t>(y)];
+          const Interpolation::Stencil& az = axes[2][static_cast<size_t>(z)];
+          const S* rows[4];
+          double weights[4];
+          int used = 0;
+          for (int r = 0; r < 4; ++r) {
+            const double w = (r & 1 ? ay.f[1] : 1 - ay.f[1]) * (r & 2 ? az.f[2] : 1 - az.f[2]);
+            if (w == 0.0) continue;
+            const int cy = r & 1 ? ay.i1[1] : ay.i0[1], cz = r & 2 ? az.i1[2] : az.i0[2];
+            rows[used] = p + (static_cast<size_t>(cz) * cd[1] + cy) * cd[0] * IC;
+            weights[used++] = w;
+          }
+          T* out = o + (static_cast<size_t>(z) * fd[1] + y) * fd[0] * OC;
           for (int x = 0; x < fd[0]; ++x) {
-            Interpolation::Stencil st;
-            for (int k = 0; k < 3; ++k) {
-              const Interpolation::Stencil& a = axes[k][static_cast<size_t>(k == 0 ? x : (k == 1 ? y : z))];
-              st.i0[k] = a.i0[k];
-              st.i1[k] = a.i1[k];
-              st.f[k] = a.f[k];
-            }
+            const Interpolation::Stencil& ax = axes[0][static_cast<size_t>(x)];
+            const size_t x0 = static_cast<size_t>(ax.i0[0]) * IC, x1 = static_cast<size_t>(ax.i1[0]) * IC;
+            const double fx = ax.f[0];
             for (int c = 0; c < C; ++c) {
-              const double acc = Interpolation::interpolate(st, [&](int cx, int cy, int cz) {
-                return static_cast<double>(p[((static_cast<size_t>(cz) * cd[1] + cy) * cd[0] + cx) * IC + c]);
-              });
-              o[((static_cast<size_t>(z) * fd[1] + y) * fd[0] + x) * OC + c] = static_cast<T>(acc);
+              double acc = 0.0;
+              for (int r = 0; r < used; ++r) {
+                double v = (1 - fx) * static_cast<double>(rows[r][x0 + c]);
+                if (fx != 0.0) v += fx * static_cast<double>(rows[r][x1 + c]);
+                acc += weights[r] * v;
+              }
+              out[static_cast<size_t>(x) * OC + c] = static_cast<T>(acc);
             }
           }
+        }
     });
   });
   fine->setDirtyMem();
