@@ -6,6 +6,7 @@
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <utility>
 
 namespace Merivane {
@@ -197,6 +198,8 @@ std::vector<char> splitRows(int n, const Strength& S) {
 // as strongCouplings() decides it.
 class Interpolator {
  public:
+  // With n rows, a table of n entries finds a column's place at once; with n = 0 (a handful of
+  // rows to interpolate, as after a stroke) the row's few coarse columns are searched instead.
   explicit Interpolator(int n) : slotOf_(static_cast<size_t>(n), -1) {}
 
   // (weight, fine column) of row i, by column; `coarse` flags the coarse rows.
@@ -214,7 +217,7 @@ class Interpolator {
     const auto strong = [&](int k) { return A.inner[k] != i && -static_cast<double>(val[k]) >= t; };
     for (int k = A.outer[i]; k < A.outer[i + 1]; ++k)
       if (strong(k) && coarse[sz(A.inner[k])]) {
-        slotOf_[sz(A.inner[k])] = static_cast<int>(cols_.size());
+        setSlot(A.inner[k], static_cast<int>(cols_.size()));
         cols_.push_back(A.inner[k]);
         acc_.push_back(0.0);
       }
@@ -226,14 +229,14 @@ class Interpolator {
       if (j == i || !strong(k)) {
         diag += a;
       } else if (coarse[sz(j)]) {
-        acc_[sz(slotOf_[sz(j)])] += a;
+        acc_[sz(slot(j))] += a;
       } else {
         double shared = 0;
         for (int q = A.outer[j]; q < A.outer[j + 1]; ++q)
-          if (val[q] < 0 && slotOf_[sz(A.inner[q])] >= 0) shared += static_cast<double>(val[q]);
+          if (val[q] < 0 && slot(A.inner[q]) >= 0) shared += static_cast<double>(val[q]);
         if (shared < 0) {
           for (int q = A.outer[j]; q < A.outer[j + 1]; ++q) {
-            const int s = val[q] < 0 ? slotOf_[sz(A.inner[q])] : -1;
+            const int s = val[q] < 0 ? slot(A.inner[q]) : -1;
             if (s >= 0) acc_[sz(s)] += a * static_cast<double>(val[q]) / shared;
           }
         } else {
@@ -241,7 +244,8 @@ class Interpolator {
         }
       }
     }
-    for (int j : cols_) slotOf_[sz(j)] = -1;
+    if (!slotOf_.empty())
+      for (int j : cols_) slotOf_[sz(j)] = -1;
     double sumAll = 0;
     for (size_t s = 0; s < cols_.size(); ++s) {
       const double w = diag > 0 ? -acc_[s] / diag : 0.0;
@@ -264,7 +268,15 @@ class Interpolator {
   }
 
  private:
-  std::vector<int> slotOf_;  // place of a row in cols_, or -1
+  int slot(int j) const {
+    if (!slotOf_.empty()) return slotOf_[static_cast<size_t>(j)];
+    const auto at = std::find(cols_.begin(), cols_.end(), j);
+    return at == cols_.end() ? -1 : static_cast<int>(at - cols_.begin());
+  }
+  void setSlot(int j, int s) {
+    if (!slotOf_.empty()) slotOf_[static_cast<size_t>(j)] = s;
+  }
+  std::vector<int> slotOf_;  // place of a row in cols_, or -1; empty: search cols_
   std::vector<int> cols_;
   std::vector<double> acc_;
   std::vector<std::pair<double, int>> weights_;
@@ -393,8 +405,12 @@ Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, i
     }
   }
   for (int I = 0; I < nc; ++I) C.outerStore[sz(I) + 1] += C.outerStore[sz(I)];
-  C.innerStore.resize(sz(C.outerStore[sz(nc)]));
-  C.valueStore.resize(C.innerStore.size());
+  // Spare capacity for rows that a re-target lets grow; address space only until it is used.
+  const size_t total = sz(C.outerStore[sz(nc)]);
+  C.innerStore.reserve(total + total / 64 + 64);
+  C.valueStore.reserve(total + total / 64 + 64);
+  C.innerStore.resize(total);
+  C.valueStore.resize(total);
 #pragma omp parallel for schedule(dynamic, 1) if (par)
   for (int c = 0; c < chunks; ++c) {
     Rows& part = parts[sz(c)];
@@ -408,8 +424,9 @@ Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, i
 }
 
 // The Galerkin product R A P over an old one, C: the rows flagged in `touched` are summed again,
-// the others kept as they are. In place where no such row gains entries (a small change), else
-// into new storage.
+// the others kept as they are. A row keeps its room when it needs less (the rest is zeros at a
+// column it has); rows that need more make room by moving the rows after them along, within the
+// storage's spare capacity, so that a stroke does not copy a whole level.
 void resumRows(Csr& C, const Csr& A, const Transfer& P, const Transfer& R, const std::vector<char>& touched) {
   const auto sz = [](int i) { return static_cast<size_t>(i); };
   const int nc = C.n;
@@ -419,14 +436,32 @@ void resumRows(Csr& C, const Csr& A, const Transfer& P, const Transfer& R, const
   std::vector<std::vector<int>> cols(rows.size());
   std::vector<std::vector<float>> vals(rows.size());
   const int count = static_cast<int>(rows.size());
+  // Few rows are summed from their sorted terms, many through tables over the level; both add
+  // each entry's terms in the order they are visited, as the full product does.
+  const bool few = static_cast<size_t>(count) * 64 < static_cast<size_t>(nc);
 #pragma omp parallel if (count > 256)
   {
-    std::vector<int> mark(sz(nc), -1);
-    std::vector<double> acc(sz(nc));
+    std::vector<int> mark(few ? 0 : sz(nc), -1);
+    std::vector<double> acc(few ? 0 : sz(nc));
+    std::vector<std::pair<int, double>> terms;
 #pragma omp for schedule(static)
     for (int r = 0; r < count; ++r) {
       const int I = rows[sz(r)];
       auto& c = cols[sz(r)];
+      auto& v = vals[sz(r)];
+      if (few) {
+        terms.clear();
+        galerkinTerms(A, A.values, P, R, I, [&](int J, double t) { terms.emplace_back(J, t); });
+        std::stable_sort(terms.begin(), terms.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
+        for (size_t e = 0; e < terms.size();) {
+          double sum = 0;
+          const int J = terms[e].first;
+          for (; e < terms.size() && terms[e].first == J; ++e) sum += terms[e].second;
+          c.push_back(J);
+          v.push_back(static_cast<float>(sum));
+        }
+        continue;
+      }
       galerkinTerms(A, A.values, P, R, I, [&](int J, double t) {
         if (mark[sz(J)] != I) {
           mark[sz(J)] = I;
@@ -436,58 +471,62 @@ void resumRows(Csr& C, const Csr& A, const Transfer& P, const Transfer& R, const
         acc[sz(J)] += t;
       });
       std::sort(c.begin(), c.end());
-      for (int J : c) vals[sz(r)].push_back(static_cast<float>(acc[sz(J)]));
+      for (int J : c) v.push_back(static_cast<float>(acc[sz(J)]));
     }
   }
-  bool fits = true;
-  for (size_t r = 0; r < rows.size() && fits; ++r)
-    fits = static_cast<int>(cols[r].size()) <= C.outer[rows[r] + 1] - C.outer[rows[r]];
-  if (fits) {
-    // Rows that lost entries keep their room, filled with zeros at a column they have.
-    for (size_t r = 0; r < rows.size(); ++r) {
-      const int I = rows[r];
-      int at = C.outer[I];
-      for (size_t e = 0; e < cols[r].size(); ++e, ++at) {
-        C.innerStore[sz(at)] = cols[r][e];
-        C.valueStore[sz(at)] = vals[r][e];
-      }
-      for (; at < C.outer[I + 1]; ++at) {
-        C.innerStore[sz(at)] = cols[r].empty() ? I : cols[r].back();
-        C.valueStore[sz(at)] = 0.0f;
-      }
-    }
-    return;
+  // Room: a touched row gets what it needs, at least what it had.
+  std::vector<int> grow(rows.size(), 0);
+  int extra = 0;
+  for (size_t r = 0; r < rows.size(); ++r) {
+    grow[r] = std::max(0, static_cast<int>(cols[r].size()) - (C.outer[rows[r] + 1] - C.outer[rows[r]]));
+    extra += grow[r];
   }
-  Csr next;
-  next.n = nc;
-  next.outerStore.assign(sz(nc) + 1, 0);
-  {
-    int r = 0;
-    for (int I = 0; I < nc; ++I) {
-      const int len = touched[sz(I)] ? static_cast<int>(cols[sz(r++)].size()) : C.outer[I + 1] - C.outer[I];
-      next.outerStore[sz(I) + 1] = next.outerStore[sz(I)] + len;
-    }
-  }
-  next.innerStore.resize(sz(next.outerStore[sz(nc)]));
-  next.valueStore.resize(next.innerStore.size());
-  {
-    std::vector<int> slot(sz(nc), -1);
-    for (size_t r = 0; r < rows.size(); ++r) slot[sz(rows[r])] = static_cast<int>(r);
-#pragma omp parallel for schedule(static) if (nc > kParallelRows)
-    for (int I = 0; I < nc; ++I) {
-      const auto at = static_cast<std::ptrdiff_t>(next.outerStore[sz(I)]);
-      if (const int r = slot[sz(I)]; r >= 0) {
-        std::copy(cols[sz(r)].begin(), cols[sz(r)].end(), next.innerStore.begin() + at);
-        std::copy(vals[sz(r)].begin(), vals[sz(r)].end(), next.valueStore.begin() + at);
-      } else {
-        std::copy(C.inner + C.outer[I], C.inner + C.outer[I + 1], next.innerStore.begin() + at);
-        std::copy(C.values + C.outer[I], C.values + C.outer[I + 1], next.valueStore.begin() + at);
+  if (extra > 0) {
+    const std::vector<int> oldOuter(C.outerStore);
+    {  // new row starts
+      int shift = 0;
+      size_t r = 0;
+      for (int I = 0; I < nc; ++I) {
+        C.outerStore[sz(I) + 1] = oldOuter[sz(I) + 1] + shift;
+        if (r < rows.size() && rows[r] == I) {
+          shift += grow[r];
+          C.outerStore[sz(I) + 1] += grow[r++];
+        }
       }
     }
+    const size_t total = static_cast<size_t>(C.outerStore[sz(nc)]);
+    if (total > C.innerStore.capacity()) {
+      C.innerStore.reserve(total + total / 32);
+      C.valueStore.reserve(total + total / 32);
+    }
+    C.innerStore.resize(total);
+    C.valueStore.resize(total);
+    // Rows move back by what the rows before them grew, the last run first; runs of rows with
+    // the same shift move at once.
+    for (int I = nc - 1; I >= 0;) {
+      const int shift = C.outerStore[sz(I)] - oldOuter[sz(I)];
+      if (shift == 0) break;  // and so are the shifts of all rows before
+      int a = I;
+      while (a > 0 && C.outerStore[sz(a) - 1] - oldOuter[sz(a) - 1] == shift) --a;
+      const size_t from = sz(oldOuter[sz(a)]), len = sz(oldOuter[sz(I) + 1]) - from;
+      std::memmove(C.innerStore.data() + from + sz(shift), C.innerStore.data() + from, len * sizeof(int));
+      std::memmove(C.valueStore.data() + from + sz(shift), C.valueStore.data() + from, len * sizeof(float));
+      I = a - 1;
+    }
+    C.adopt();
   }
-  next.adopt();
-  C = std::move(next);
-  C.adopt();
+  for (size_t r = 0; r < rows.size(); ++r) {
+    const int I = rows[r];
+    int at = C.outer[I];
+    for (size_t e = 0; e < cols[r].size(); ++e, ++at) {
+      C.innerStore[sz(at)] = cols[r][e];
+      C.valueStore[sz(at)] = vals[r][e];
+    }
+    for (; at < C.outer[I + 1]; ++at) {
+      C.innerStore[sz(at)] = cols[r].empty() ? I : cols[r].back();
+      C.valueStore[sz(at)] = 0.0f;
+    }
+  }
 }
 
 }  // namespace
@@ -627,13 +666,12 @@ bool ClassicalAMG<Scalar>::rebindFinest(int n, const int* outer, const int* inne
     if (changed[sz(i)] && !coarse[sz(i)]) redo.push_back(i);
   std::vector<std::vector<std::pair<int, float>>> redone(redo.size());
   {
-    std::vector<int> coarseIndex(sz(n), -1);
-    for (int i = 0; i < n; ++i)
-      if (coarse[sz(i)]) coarseIndex[sz(i)] = L.P.inner[sz(L.P.outer[sz(oldOfNew[sz(i)])])];
-    Interpolator interpolator(n);
+    // A coarse row (kept from the old system) interpolates from itself alone: its coarse index.
+    const auto coarseIndex = [&](int i) { return L.P.inner[sz(L.P.outer[sz(oldOfNew[sz(i)])])]; };
+    Interpolator interpolator(0);
     for (size_t r = 0; r < redo.size(); ++r)
       for (const auto& w : interpolator.row(finest, values, redo[r], strengthThreshold, coarse, maxInterpolation))
-        redone[r].emplace_back(coarseIndex[sz(w.second)], static_cast<float>(w.first));
+        redone[r].emplace_back(coarseIndex(w.second), static_cast<float>(w.first));
   }
   Transfer P;
   P.outer.assign(sz(n) + 1, 0);
@@ -652,14 +690,13 @@ bool ClassicalAMG<Scalar>::rebindFinest(int n, const int* outer, const int* inne
   P.inner.resize(sz(P.outer[sz(n)]));
   P.values.resize(P.inner.size());
   {
-    std::vector<int> redoneOf(sz(n), -1);
-    for (size_t r = 0; r < redo.size(); ++r) redoneOf[sz(redo[r])] = static_cast<int>(r);
 #pragma omp parallel for schedule(static) if (n > kParallelRows)
     for (int i = 0; i < n; ++i) {
       const int o = oldOfNew[sz(i)];
       int at = P.outer[sz(i)];
-      if (redoneOf[sz(i)] >= 0) {
-        for (const auto& [J, w] : redone[sz(redoneOf[sz(i)])]) {
+      if (changed[sz(i)] && !coarse[sz(i)]) {  // one of `redo`, which is in row order
+        const auto r = static_cast<size_t>(std::lower_bound(redo.begin(), redo.end(), i) - redo.begin());
+        for (const auto& [J, w] : redone[r]) {
           P.inner[sz(at)] = J;
           P.values[sz(at++)] = w;
         }
