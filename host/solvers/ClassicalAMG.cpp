@@ -358,6 +358,49 @@ void galerkinTerms(const Csr& A, const V* val, const Transfer& P, const Transfer
   }
 }
 
+// Sums one row of the Galerkin product: with a table over the coarse level's columns, or (made
+// with 0 columns, for a handful of rows) from the row's terms sorted by column. Either way each
+// entry adds its terms in the order they are visited, so both give the same floats.
+class RowSummer {
+ public:
+  explicit RowSummer(int columns) : mark_(static_cast<size_t>(columns), -1), acc_(static_cast<size_t>(columns)) {}
+
+  // Calls emit(J, value) for the entries of row I, by column.
+  template <typename V, typename Emit>
+  void sum(const Csr& A, const V* val, const Transfer& P, const Transfer& R, int I, Emit&& emit) {
+    const auto sz = [](int i) { return static_cast<size_t>(i); };
+    if (mark_.empty()) {
+      terms_.clear();
+      galerkinTerms(A, val, P, R, I, [&](int J, double t) { terms_.emplace_back(J, t); });
+      std::stable_sort(terms_.begin(), terms_.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
+      for (size_t e = 0; e < terms_.size();) {
+        const int J = terms_[e].first;
+        double total = 0;
+        for (; e < terms_.size() && terms_[e].first == J; ++e) total += terms_[e].second;
+        emit(J, static_cast<float>(total));
+      }
+      return;
+    }
+    row_.clear();
+    galerkinTerms(A, val, P, R, I, [&](int J, double t) {
+      if (mark_[sz(J)] != I) {
+        mark_[sz(J)] = I;
+        acc_[sz(J)] = 0;
+        row_.push_back(J);
+      }
+      acc_[sz(J)] += t;
+    });
+    std::sort(row_.begin(), row_.end());
+    for (int J : row_) emit(J, static_cast<float>(acc_[sz(J)]));
+  }
+
+ private:
+  std::vector<int> mark_;
+  std::vector<double> acc_;
+  std::vector<int> row_;
+  std::vector<std::pair<int, double>> terms_;
+};
+
 // The Galerkin product R A P, row by row of the coarse level. Rows are summed in fixed chunks
 // side by side, each into storage of its own, then moved into place: one pass over the terms
 // instead of one to count and one to sum, for a while the room of a second copy of the coarse
@@ -379,28 +422,17 @@ Csr galerkin(const Csr& A, const V* val, const Transfer& P, const Transfer& R, i
   std::vector<Rows> parts(sz(chunks));
 #pragma omp parallel if (par)
   {
-    std::vector<int> mark(sz(nc), -1);
-    std::vector<double> acc(sz(nc));
-    std::vector<int> row;
+    RowSummer summer(nc);
 #pragma omp for schedule(dynamic, 1)
     for (int c = 0; c < chunks; ++c) {
       Rows& part = parts[sz(c)];
       for (int I = chunkBegin(c); I < chunkBegin(c + 1); ++I) {
-        row.clear();
-        galerkinTerms(A, val, P, R, I, [&](int J, double t) {
-          if (mark[sz(J)] != I) {
-            mark[sz(J)] = I;
-            acc[sz(J)] = 0;
-            row.push_back(J);
-          }
-          acc[sz(J)] += t;
-        });
-        std::sort(row.begin(), row.end());
-        for (int J : row) {
+        const size_t before = part.cols.size();
+        summer.sum(A, val, P, R, I, [&](int J, float v) {
           part.cols.push_back(J);
-          part.vals.push_back(static_cast<float>(acc[sz(J)]));
-        }
-        C.outerStore[sz(I) + 1] = static_cast<int>(row.size());
+          part.vals.push_back(v);
+        });
+        C.outerStore[sz(I) + 1] = static_cast<int>(part.cols.size() - before);
       }
     }
   }
@@ -436,43 +468,17 @@ void resumRows(Csr& C, const Csr& A, const Transfer& P, const Transfer& R, const
   std::vector<std::vector<int>> cols(rows.size());
   std::vector<std::vector<float>> vals(rows.size());
   const int count = static_cast<int>(rows.size());
-  // Few rows are summed from their sorted terms, many through tables over the level; both add
-  // each entry's terms in the order they are visited, as the full product does.
+  // A few rows are summed from their sorted terms, without tables over the whole level.
   const bool few = static_cast<size_t>(count) * 64 < static_cast<size_t>(nc);
 #pragma omp parallel if (count > 256)
   {
-    std::vector<int> mark(few ? 0 : sz(nc), -1);
-    std::vector<double> acc(few ? 0 : sz(nc));
-    std::vector<std::pair<int, double>> terms;
+    RowSummer summer(few ? 0 : nc);
 #pragma omp for schedule(static)
-    for (int r = 0; r < count; ++r) {
-      const int I = rows[sz(r)];
-      auto& c = cols[sz(r)];
-      auto& v = vals[sz(r)];
-      if (few) {
-        terms.clear();
-        galerkinTerms(A, A.values, P, R, I, [&](int J, double t) { terms.emplace_back(J, t); });
-        std::stable_sort(terms.begin(), terms.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
-        for (size_t e = 0; e < terms.size();) {
-          double sum = 0;
-          const int J = terms[e].first;
-          for (; e < terms.size() && terms[e].first == J; ++e) sum += terms[e].second;
-          c.push_back(J);
-          v.push_back(static_cast<float>(sum));
-        }
-        continue;
-      }
-      galerkinTerms(A, A.values, P, R, I, [&](int J, double t) {
-        if (mark[sz(J)] != I) {
-          mark[sz(J)] = I;
-          acc[sz(J)] = 0;
-          c.push_back(J);
-        }
-        acc[sz(J)] += t;
+    for (int r = 0; r < count; ++r)
+      summer.sum(A, A.values, P, R, rows[sz(r)], [&](int J, float v) {
+        cols[sz(r)].push_back(J);
+        vals[sz(r)].push_back(v);
       });
-      std::sort(c.begin(), c.end());
-      for (int J : c) v.push_back(static_cast<float>(acc[sz(J)]));
-    }
   }
   // Room: a touched row gets what it needs, at least what it had.
   std::vector<int> grow(rows.size(), 0);
