@@ -65,6 +65,35 @@ TEST(PyramidPropagateUp, LinearIntoTheFinerLevelWithClampedBorders) {
     for (int x = 0; x < 8; ++x) EXPECT_NEAR(fine.value(x, y), 10 * pos[x] + pos[y], 1e-5) << x << ", " << y;
 }
 
+// Trilinear in a volume of two channels: a linear function comes back exactly where no border
+// clamps it, channel by channel.
+TEST(PyramidPropagateUp, TrilinearInAVolumeOfTwoChannels) {
+  auto base =
+      std::make_shared<SharedImage>(std::shared_ptr<Image>(FloatImage::zeros(Eigen::Vector3i(8, 8, 8), 2)));
+  ImagePyramid pyramid(base.get(), false);
+  ASSERT_EQ(pyramid.createLevels(2), 2);
+  auto& coarse = dynamic_cast<FloatImage&>(*pyramid.level(1)->mem());
+  ASSERT_EQ(coarse.dimensions(), Eigen::Vector3i(4, 4, 4));
+  ASSERT_EQ(coarse.channels(), 2);
+  for (int z = 0; z < 4; ++z)
+    for (int y = 0; y < 4; ++y)
+      for (int x = 0; x < 4; ++x) {
+        const float f = static_cast<float>(x + 10 * y + 100 * z);
+        coarse.setValue(f, x, y, z, 0);
+        coarse.setValue(-2 * f, x, y, z, 1);
+      }
+  pyramid.propagateUp(1);
+  const auto& fine = dynamic_cast<const FloatImage&>(*base->mem());
+  const double pos[8] = {0, 0.25, 0.75, 1.25, 1.75, 2.25, 2.75, 3};
+  for (int z = 0; z < 8; ++z)
+    for (int y = 0; y < 8; ++y)
+      for (int x = 0; x < 8; ++x) {
+        const double f = pos[x] + 10 * pos[y] + 100 * pos[z];
+        EXPECT_NEAR(fine.value(x, y, z, 0), f, 1e-4) << x << ", " << y << ", " << z;
+        EXPECT_NEAR(fine.value(x, y, z, 1), -2 * f, 1e-4) << x << ", " << y << ", " << z;
+      }
+}
+
 TEST(PyramidPropagateUp, LabelsTakeTheNearestValue) {
   auto base = std::make_shared<SharedImage>(
       std::shared_ptr<Image>(TypedImage<unsigned char>::zeros(Eigen::Vector3i(8, 8, 1))));
