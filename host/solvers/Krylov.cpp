@@ -193,13 +193,26 @@ Outcome bicgstab(const Matrix& A, const S* b, S* x, const Preconditioner<S>& M, 
     }
     alpha = rho / r0v;
     // s = r - alpha v, kept in r; x += alpha y.
-    rows(n, [&](ptrdiff_t i0, ptrdiff_t i1) {
+    const double ss = blockSums<1>(n, p1, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 1>& sum) {
       const S a = static_cast<S>(alpha);
       for (ptrdiff_t i = i0; i < i1; ++i) {
-        r[static_cast<size_t>(i)] -= a * v[static_cast<size_t>(i)];
-        x[i] += a * y[static_cast<size_t>(i)];
+        const size_t k = static_cast<size_t>(i);
+        r[k] -= a * v[k];
+        x[i] += a * y[k];
+        sum[0] += static_cast<double>(r[k]) * r[k];
       }
-    });
+    })[0];
+    // Half way through the iteration x may be there already: then the second half, a V-cycle
+    // and a product, is not needed. Confirmed on the true residual, which otherwise replaces s.
+    if (finite(ss) && crit.eta(ss, 0) <= settings.tolerance) {
+      const auto t = residual(A, b, x, r.data(), static_cast<S*>(nullptr), p3);
+      if (crit.eta(t[0], t[2]) <= settings.tolerance) {
+        ++out.iterations;
+        out.relativeResidual = crit.eta(t[0], t[2]);
+        out.converged = true;
+        break;
+      }
+    }
     M(r.data(), z.data());
     const auto [tt, ts] = blockSums<2>(n, p2, [&](ptrdiff_t i0, ptrdiff_t i1, std::array<double, 2>& s) {
       for (ptrdiff_t i = i0; i < i1; ++i) {

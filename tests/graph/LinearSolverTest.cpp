@@ -195,6 +195,29 @@ TEST(Krylov, ConjugateGradientStopsOnNonPositiveCurvature) {
   EXPECT_TRUE(out.breakdown);
 }
 
+// With an exact preconditioner the first half of a BiCGSTAB iteration solves the system: the
+// solve stops there, after one preconditioner application instead of two.
+TEST(Krylov, BiCGStabStopsHalfWayWhenTheFirstHalfConverged) {
+  std::vector<int> outer{0, 1, 2, 3}, inner{0, 1, 2};
+  std::vector<float> values{2.0f, 4.0f, 8.0f};
+  const Krylov::Matrix A{3, outer.data(), inner.data(), values.data()};
+  const std::vector<double> b{1.0, 2.0, 3.0};
+  std::vector<double> x(3, 0.0);
+  int applications = 0;
+  const auto exact = [&](const double* in, double* out) {
+    ++applications;
+    for (int i = 0; i < 3; ++i) out[i] = in[i] / values[static_cast<size_t>(i)];
+  };
+  const Krylov::Outcome out = Krylov::bicgstab<double>(A, b.data(), x.data(), exact, {10, 1e-10, {}});
+  EXPECT_TRUE(out.converged);
+  EXPECT_EQ(out.iterations, 1);
+  EXPECT_EQ(applications, 1);
+  EXPECT_LE(out.relativeResidual, 1e-10);
+  EXPECT_NEAR(x[0], 0.5, 1e-12);
+  EXPECT_NEAR(x[1], 0.5, 1e-12);
+  EXPECT_NEAR(x[2], 0.375, 1e-12);
+}
+
 TEST(Krylov, AvailableThreadsIsWithinOneAndTheOpenMPLimit) {
   unsetenv("MERIVANE_FIXED_THREADS");
   for (int wanted : {1, 2, 8}) {
