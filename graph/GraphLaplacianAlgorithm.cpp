@@ -265,7 +265,7 @@ Eigen::VectorXf GraphLaplacianAlgorithm::solveLaplace(SharedImage* prior) {
   lastIterations_ = solver->lastIterations();
   const SolverInfo info = solver->info();
   const bool usable = info == SolverInfo::Success || info == SolverInfo::NoConvergence;
-  lastResidual_ = nU > 0 && usable ? static_cast<double>((A * x - b).norm()) : 0.0;
+  lastResidual_ = nU > 0 && usable ? residualNorm(A, b, x) : 0.0;
   if (verbose) {
     LOG_INFO(kCategory, "[GraphSegmentation] 3) Resolution of the system: " << msSince(start) << " ms");
     LOG_INFO(kCategory, "Residual : " << lastResidual_);

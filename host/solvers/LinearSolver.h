@@ -24,6 +24,10 @@ enum class SolverInfo {
 
 const char* toString(SolverInfo info);
 
+// |A x - b| of a symmetric system (A's columns read as its rows), summed in double on all
+// threads in fixed blocks, so that it does not depend on their number.
+double residualNorm(const SparseMatrixF& A, const Eigen::VectorXf& b, const Eigen::VectorXf& x);
+
 // A multigrid hierarchy carried from one solve to the next, for the multigrid-preconditioned
 // iterative solvers. A re-solve of a system that differs from the last in a few rows (a stroke
 // of new seeds) reuses the hierarchy instead of setting up a new one. Before such a solve the

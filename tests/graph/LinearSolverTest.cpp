@@ -218,6 +218,34 @@ TEST(Krylov, BiCGStabStopsHalfWayWhenTheFirstHalfConverged) {
   EXPECT_NEAR(x[2], 0.375, 1e-12);
 }
 
+// The residual of a symmetric system, read by rows on all threads, is the one of the plain
+// product, and the same on one thread and two.
+TEST(LinearSolver, ResidualNormIsThatOfThePlainProductOnAnyThreadCount) {
+  const Eigen::Index n = 200000;
+  std::vector<Eigen::Triplet<float>> t;
+  for (Eigen::Index i = 0; i < n; ++i) {
+    t.emplace_back(i, i, 4.0f + static_cast<float>(i % 7));
+    if (i + 1 < n) {
+      t.emplace_back(i, i + 1, -1.0f - static_cast<float>(i % 3));
+      t.emplace_back(i + 1, i, -1.0f - static_cast<float>(i % 3));
+    }
+  }
+  SparseMatrixF A(n, n);
+  A.setFromTriplets(t.begin(), t.end());
+  A.makeCompressed();
+  const Eigen::VectorXf b = Eigen::VectorXf::Random(n), x = Eigen::VectorXf::Random(n);
+  const double plain = (A.cast<double>() * x.cast<double>() - b.cast<double>()).norm();
+  double byThreads[2];
+  const int saved = omp_get_max_threads();
+  for (int threads : {1, 2}) {
+    omp_set_num_threads(threads);
+    byThreads[threads - 1] = residualNorm(A, b, x);
+  }
+  omp_set_num_threads(saved);
+  EXPECT_NEAR(byThreads[0], plain, 1e-9 * plain);
+  EXPECT_EQ(byThreads[0], byThreads[1]);
+}
+
 TEST(Krylov, AvailableThreadsIsWithinOneAndTheOpenMPLimit) {
   unsetenv("MERIVANE_FIXED_THREADS");
   for (int wanted : {1, 2, 8}) {
