@@ -4,6 +4,7 @@
 #include <omp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -81,8 +82,9 @@ TEST(Dose, ConvolverRefusesEvenAndOversizedKernels) {
 
 class KernelFolder {
  public:
-  KernelFolder() : path_(fs::temp_directory_path() / ("merivane-dose-" + std::to_string(::getpid()) + "-" +
-                                                      testing::UnitTest::GetInstance()->current_test_info()->name())) {
+  // One folder, named after the process and the test; a parameterised test's name holds a '/',
+  // which would otherwise leave an empty parent folder behind.
+  KernelFolder() : path_(fs::temp_directory_path() / ("merivane-dose-" + std::to_string(::getpid()) + "-" + testName())) {
     fs::create_directories(path_);
   }
   ~KernelFolder() {
@@ -90,6 +92,11 @@ class KernelFolder {
     fs::remove_all(path_, ec);
   }
   std::string path() const { return path_.string(); }
+  static std::string testName() {
+    std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::replace(name.begin(), name.end(), '/', '_');
+    return name;
+  }
   std::string write(const std::string& name, const Eigen::Vector3i& size, const std::vector<float>& values) {
     auto img = TypedImage<float>::create(size, 1);
     std::copy(values.begin(), values.end(), img->pointer());
